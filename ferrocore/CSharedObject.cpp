@@ -1,0 +1,7 @@
+#include <ferrocore/CSharedObject.h>
+
+namespace ferrocore {
+
+CSharedObject::~CSharedObject() = default;
+
+}  // namespace ferrocore

@@ -1,0 +1,98 @@
+// CIntervalTimer: repeats, stops for good, and can be stopped or destroyed
+// from inside its own callback without deadlock.
+#include <ferrocore/CException.h>
+#include <ferrocore/CIntervalTimer.h>
+#include <ferrocore/CMutex.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace ferrocore {
+namespace {
+
+// Generous bound for waits that normally end within milliseconds; reaching
+// it means the timer is broken, not slow.
+inline constexpr double kPatience = 30.0;
+
+TEST(IntervalTimerTest, RepeatsUntilStopped) {
+    CConditionalMutex calls(0);
+    CIntervalTimer timer(0.01, [&] {
+        calls.lockWithBlocking();
+        calls.unlockAndSetValue(calls.value() + 1);
+    });
+    EXPECT_TRUE(timer.isRunning());
+    ASSERT_TRUE(calls.lockWithTimeoutWhenValueSet(3, kPatience));
+    calls.unlock();
+    timer.stop();
+    EXPECT_FALSE(timer.isRunning());
+    // After stop() has returned the callback never runs again.
+    const int stoppedAt = calls.value();
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    EXPECT_EQ(calls.value(), stoppedAt);
+    timer.stop();
+}
+
+TEST(IntervalTimerTest, ExceptionsInTheCallbackDoNotStopIt) {
+    std::atomic<int> calls{0};
+    CConditionalMutex enough(0);
+    CIntervalTimer timer(0.005, [&] {
+        if (++calls == 3) {
+            enough.lockWithBlocking();
+            enough.unlockAndSetValue(1);
+        }
+        throw std::runtime_error("callback failure (expected by the test)");
+    });
+    ASSERT_TRUE(enough.lockWithTimeoutWhenValueSet(1, kPatience));
+    enough.unlock();
+}
+
+TEST(IntervalTimerTest, StopFromInsideTheCallback) {
+    std::atomic<int> calls{0};
+    CIntervalTimer* self = nullptr;
+    CConditionalMutex ready(0);
+    CIntervalTimer timer(0.005, [&] {
+        ready.lockWhenValueSet(1);  // until `self` is set
+        ready.unlock();
+        ++calls;
+        self->stop();
+    });
+    self = &timer;
+    ready.lockWithBlocking();
+    ready.unlockAndSetValue(1);
+    for (int i = 0; i < 3000 && timer.isRunning(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_FALSE(timer.isRunning());
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(IntervalTimerTest, DestroyFromInsideTheCallback) {
+    std::unique_ptr<CIntervalTimer> timer;
+    CConditionalMutex state(0);  // 1: timer published, 2: destroyed by the callback
+    timer = std::make_unique<CIntervalTimer>(0.005, [&] {
+        state.lockWhenValueSet(1);
+        state.unlock();
+        timer.reset();
+        state.lockWithBlocking();
+        state.unlockAndSetValue(2);
+    });
+    state.lockWithBlocking();
+    state.unlockAndSetValue(1);
+    ASSERT_TRUE(state.lockWithTimeoutWhenValueSet(2, kPatience));
+    state.unlock();
+    EXPECT_FALSE(timer);
+}
+
+TEST(IntervalTimerTest, RefusesBadIntervals) {
+    EXPECT_THROW(CIntervalTimer(0, [] {}), CParamException);
+    EXPECT_THROW(CIntervalTimer(-1, [] {}), CParamException);
+    EXPECT_THROW(CIntervalTimer(std::numeric_limits<double>::quiet_NaN(), [] {}), CParamException);
+}
+
+}  // namespace
+}  // namespace ferrocore

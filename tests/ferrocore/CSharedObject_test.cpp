@@ -1,0 +1,98 @@
+// Reference counting: handles own exactly one reference each, the object dies
+// with the last one, also when handles are copied and dropped on many
+// threads at once.
+#include <ferrocore/CSharedObject.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace ferrocore {
+namespace {
+
+std::atomic<int> gLive{0};
+
+class CTracked : public CSharedObject {
+public:
+    explicit CTracked(int v) : value(v) { ++gLive; }
+    int value;
+
+protected:
+    ~CTracked() override { --gLive; }
+};
+
+class CDerived final : public CTracked {
+public:
+    CDerived() : CTracked(7) {}
+};
+
+// Derives virtually, as the logger classes do.
+class CVirtualBase : public virtual CSharedObject {
+public:
+    CVirtualBase() { ++gLive; }
+
+protected:
+    ~CVirtualBase() override { --gLive; }
+};
+class CVirtualLeaf final : public CVirtualBase, public virtual CSharedObject {};
+
+TEST(SharedObjectTest, LastHandleDestroys) {
+    ASSERT_EQ(gLive, 0);
+    {
+        CSharedObjectRef<CTracked> a = makeShared<CTracked>(3);
+        EXPECT_EQ(a->retainCount(), 1);
+        CSharedObjectRef<CTracked> b = a;
+        EXPECT_EQ(a->retainCount(), 2);
+        CSharedObjectRef<CTracked> c = std::move(b);
+        EXPECT_FALSE(b);
+        EXPECT_EQ(a->retainCount(), 2);
+        c.reset();
+        EXPECT_EQ(a->retainCount(), 1);
+        EXPECT_EQ(gLive, 1);
+        // A handle made from a bare pointer to a held object adds a reference.
+        CSharedObjectRef<CTracked> fromPointer(a.get());
+        EXPECT_EQ(a->retainCount(), 2);
+        a = nullptr;
+        EXPECT_EQ(gLive, 1);
+        EXPECT_EQ(fromPointer->value, 3);
+    }
+    EXPECT_EQ(gLive, 0);
+}
+
+TEST(SharedObjectTest, ConversionsToBaseKeepTheCount) {
+    {
+        CSharedObjectRef<CDerived> derived = makeShared<CDerived>();
+        CSharedObjectRef<CTracked> base = derived;
+        CSharedObjectRef<const CTracked> constBase = std::move(derived);
+        EXPECT_FALSE(derived);
+        EXPECT_EQ(base->retainCount(), 2);
+        EXPECT_EQ(constBase->value, 7);
+        CSharedObjectRef<CVirtualLeaf> leaf = makeShared<CVirtualLeaf>();
+        CSharedObjectRef<CVirtualBase> viaVirtual = leaf;
+        EXPECT_EQ(leaf->retainCount(), 2);
+        EXPECT_EQ(gLive, 2);
+    }
+    EXPECT_EQ(gLive, 0);
+}
+
+TEST(SharedObjectTest, HandlesCopiedAcrossThreads) {
+    CSharedObjectRef<CTracked> shared = makeShared<CTracked>(1);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([shared] {
+            for (int i = 0; i < 10000; ++i) {
+                CSharedObjectRef<CTracked> copy = shared;
+                CSharedObjectRef<CTracked> other = copy;
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(shared->retainCount(), 1);
+    shared.reset();
+    EXPECT_EQ(gLive, 0);
+}
+
+}  // namespace
+}  // namespace ferrocore

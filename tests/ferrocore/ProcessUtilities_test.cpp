@@ -1,0 +1,89 @@
+// Process lookup by name and ID, UUID strings and the 32-bit runtime test.
+#include <ferrocore/CAutoreleaseScope.h>
+#include <ferrocore/CUUIDString.h>
+#include <ferrocore/ProcessUtilities.h>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+
+namespace ferrocore {
+namespace {
+
+bool contains(const std::vector<pid_t>& pids, pid_t pid) { return std::find(pids.begin(), pids.end(), pid) != pids.end(); }
+
+TEST(ProcessUtilitiesTest, FindsThisProcessByItsFullName) {
+    // The test program's name is longer than the 15 bytes the kernel keeps.
+    CStringRef name = ProcessUtilities::processNameForID(getpid());
+    ASSERT_TRUE(name);
+    EXPECT_EQ(name->utf8(), "ferrocore_tests");
+    EXPECT_TRUE(contains(ProcessUtilities::processIDsForName("ferrocore_tests"), getpid()));
+    EXPECT_FALSE(contains(ProcessUtilities::processIDsForName("ferrocore_test"), getpid()));
+    EXPECT_TRUE(contains(ProcessUtilities::processIDsForName("ferrocore_tests", geteuid()), getpid()));
+    EXPECT_FALSE(contains(ProcessUtilities::processIDsForName("ferrocore_tests", geteuid() + 1), getpid()));
+    EXPECT_EQ(ProcessUtilities::processEffectiveUserForID(getpid()), geteuid());
+}
+
+TEST(ProcessUtilitiesTest, FindsAChildByName) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    // exec may not have happened yet; until then the child bears our name.
+    bool found = false;
+    for (int i = 0; i < 3000 && !found; ++i) {
+        found = contains(ProcessUtilities::processIDsForName("sleep"), child);
+        if (!found) usleep(10000);
+    }
+    EXPECT_TRUE(found);
+    EXPECT_EQ(ProcessUtilities::processNameForID(child)->utf8(), "sleep");
+    const std::vector<pid_t> sleepers = ProcessUtilities::processIDsForName("sleep");
+    EXPECT_TRUE(std::is_sorted(sleepers.begin(), sleepers.end()));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(ProcessUtilities::processNameForID(child));
+    EXPECT_FALSE(contains(ProcessUtilities::processIDsForName("sleep"), child));
+}
+
+TEST(ProcessUtilitiesTest, UnknownProcesses) {
+    EXPECT_FALSE(ProcessUtilities::processNameForID(0));
+    EXPECT_FALSE(ProcessUtilities::processNameForID(-1));
+    EXPECT_FALSE(ProcessUtilities::processEffectiveUserForID(-5));
+    EXPECT_TRUE(ProcessUtilities::processIDsForName("no such process name here").empty());
+    EXPECT_TRUE(ProcessUtilities::processIDsForName("").empty());
+}
+
+TEST(ProcessUtilitiesTest, ThirtyTwoBitRuntimeFollowsTheBuild) {
+    EXPECT_EQ(is32BitRuntime(), sizeof(void*) == 4);
+    EXPECT_EQ(ProcessUtilities::Is32BitRuntimeAvailable(), is32BitRuntime());
+    CAutoreleaseScope scope;
+}
+
+TEST(UUIDStringTest, UppercaseVersion4AndUnique) {
+    std::set<std::string> seen;
+    for (int i = 0; i < 100; ++i) {
+        CUUIDString uuid;
+        const std::string& s = uuid.str();
+        ASSERT_EQ(s.size(), 36u);
+        for (std::size_t p = 0; p < s.size(); ++p) {
+            if (p == 8 || p == 13 || p == 18 || p == 23)
+                EXPECT_EQ(s[p], '-');
+            else
+                EXPECT_TRUE((s[p] >= '0' && s[p] <= '9') || (s[p] >= 'A' && s[p] <= 'F')) << s;
+        }
+        EXPECT_EQ(s[14], '4');
+        EXPECT_TRUE(seen.insert(s).second);
+        EXPECT_EQ(uuid.string()->utf8(), s);
+    }
+}
+
+}  // namespace
+}  // namespace ferrocore

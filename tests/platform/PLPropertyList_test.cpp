@@ -1,0 +1,549 @@
+#include <quillcore/platform/PLPropertyList.h>
+
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <initializer_list>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+PLHolder<const PLObject> str(std::string_view s) { return PLString::create(s); }
+PLHolder<const PLObject> num(std::int64_t v) { return PLNumber::create(v); }
+PLHolder<const PLObject> real(double v) { return PLNumber::create(v); }
+
+PLHolder<const PLObject> parse(std::string_view text, std::string* error = nullptr,
+                               PLMutability mutability = PLMutability::Immutable) {
+    std::string ignored;
+    return PLPropertyListCreateFromBytes(text.data(), text.size(), mutability, error ? error : &ignored);
+}
+
+std::string writeXML(const PLObject* plist) {
+    std::string out, error;
+    EXPECT_TRUE(PLPropertyListWriteXML(plist, out, &error)) << error;
+    return out;
+}
+
+std::string writeBinary(const PLObject* plist) {
+    auto data = PLPropertyListCreateBinaryData(plist);
+    EXPECT_TRUE(data);
+    return data ? std::string(data->view()) : std::string();
+}
+
+const PLDictionary* dict(const PLHolder<const PLObject>& h) { return PLDynamicCast<PLDictionary>(h.get()); }
+
+std::string bytes(std::initializer_list<unsigned> list) {
+    std::string s;
+    for (unsigned b : list) s += static_cast<char>(b);
+    return s;
+}
+
+// A binary property list of the given object encodings (object 0 first),
+// with one-byte offsets and references. `offsets` overrides the table.
+std::string bplist(const std::vector<std::string>& objects, std::uint64_t top = 0,
+                   std::vector<unsigned> offsets = {}) {
+    std::string out = "bplist00";
+    const bool given = !offsets.empty();
+    for (const auto& o : objects) {
+        if (!given) offsets.push_back(static_cast<unsigned>(out.size()));
+        out += o;
+    }
+    const std::uint64_t table = out.size();
+    for (unsigned off : offsets) out += static_cast<char>(off);
+    out += std::string(6, '\0');
+    out += '\x01';
+    out += '\x01';
+    for (std::uint64_t v : {static_cast<std::uint64_t>(offsets.size()), top, table}) {
+        for (int i = 7; i >= 0; --i) out += static_cast<char>(v >> (8 * i));
+    }
+    return out;
+}
+
+void expectRefused(std::string_view doc, std::string_view reason) {
+    std::string error;
+    EXPECT_FALSE(parse(doc, &error)) << doc;
+    EXPECT_NE(error.find(reason), std::string::npos) << "error \"" << error << "\" lacks \"" << reason << "\"";
+}
+
+TEST(PLPropertyListWriter, WritesTheExactForm) {
+    auto inner = PLMutableDictionary::create();
+    inner->set(str("z"), real(1.0));
+    auto list = PLMutableArray::create();
+    list->append(PLHolder<const PLObject>::retain(kPLBooleanTrue));
+    list->append(PLHolder<const PLObject>::retain(kPLBooleanFalse));
+    list->append(inner);
+    auto root = PLMutableDictionary::create();
+    root->set(str("b"), str("x & <y> \"q\""));
+    root->set(str("a"), num(-5));
+    root->set(str("c"), real(0.5));
+    root->set(str("d"), PLDate::create(817034400.0));
+    root->set(str("B"), PLDate::create(-992490139.5));
+    root->set(str("e"), PLData::create("\0\1\2hello", 8));
+    root->set(str("f"), PLMutableArray::create());
+    root->set(str("g"), PLMutableDictionary::create());
+    root->set(str("h"), list);
+    root->set(str("k&"), str("cr\r"));
+    root->set(str("\xC3\xBC"), real(-INFINITY));
+
+    const std::string expected =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<plist version=\"1.0\">\n"
+        "<dict>\n"
+        "\t<key>B</key>\n"
+        "\t<date>1969-07-20T20:17:40.5Z</date>\n"
+        "\t<key>a</key>\n"
+        "\t<integer>-5</integer>\n"
+        "\t<key>b</key>\n"
+        "\t<string>x &amp; &lt;y&gt; \"q\"</string>\n"
+        "\t<key>c</key>\n"
+        "\t<real>0.5</real>\n"
+        "\t<key>d</key>\n"
+        "\t<date>2026-11-22T10:00:00Z</date>\n"
+        "\t<key>e</key>\n"
+        "\t<data>AAECaGVsbG8=</data>\n"
+        "\t<key>f</key>\n"
+        "\t<array/>\n"
+        "\t<key>g</key>\n"
+        "\t<dict/>\n"
+        "\t<key>h</key>\n"
+        "\t<array>\n"
+        "\t\t<true/>\n"
+        "\t\t<false/>\n"
+        "\t\t<dict>\n"
+        "\t\t\t<key>z</key>\n"
+        "\t\t\t<real>1</real>\n"
+        "\t\t</dict>\n"
+        "\t</array>\n"
+        "\t<key>k&amp;</key>\n"
+        "\t<string>cr&#13;</string>\n"
+        "\t<key>\xC3\xBC</key>\n"
+        "\t<real>-inf</real>\n"
+        "</dict>\n"
+        "</plist>\n";
+    EXPECT_EQ(writeXML(root.get()), expected);
+
+    std::string out = "kept";
+    ASSERT_TRUE(PLPropertyListWriteXML(root.get(), out));
+    EXPECT_EQ(out, "kept" + expected);
+    PLHolder<const PLString> error = PLString::create("stale");
+    auto data = PLPropertyListCreateXMLData(root.get(), &error);
+    ASSERT_TRUE(data);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(data->view(), expected);
+    EXPECT_EQ(writeXML(PLString::create("top").get()),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<string>top</string>\n</plist>\n");
+}
+
+TEST(PLPropertyListWriter, RefusesWhatItCannotWriteAndSaysWhere) {
+    auto list = PLMutableArray::create();
+    list->append(num(1));
+    list->append(PLURL::create("file:///x"));
+    auto withURL = PLMutableDictionary::create();
+    withURL->set(str("list"), list);
+    auto numberKey = PLMutableDictionary::create();
+    numberKey->set(num(5), str("x"));
+    auto badText = PLMutableDictionary::create();
+    badText->set(str("s"), str("a\xff"));
+    auto badKey = PLMutableDictionary::create();
+    badKey->set(str("k\x01"), num(1));
+
+    const std::pair<PLHolder<const PLObject>, std::string> cases[] = {
+        {withURL, "value at /list/1: a URL is not a property-list type"},
+        {numberKey, "dictionary at /: a key of type number is not a string"},
+        {badText, "string at /s: not valid UTF-8 (byte 0xff at index 1)"},
+        {badKey, "key in dictionary at /: character U+0001 cannot be written in XML"},
+        {str("\xEF\xBF\xBF"), "character U+FFFF cannot be written in XML"},
+        {PLDate::create(253402300800.0 - kPLAbsoluteTimeIntervalSince1970), "date at /: outside the years 1 to 9999"},
+        {PLDate::create(-62135596801.0 - kPLAbsoluteTimeIntervalSince1970), "outside the years 1 to 9999"},
+        {PLDate::create(NAN), "outside the years 1 to 9999"},
+        {nullptr, "no property list to write"},
+    };
+    for (const auto& [held, reason] : cases) {
+        const PLObject* plist = held.get();
+        std::string out = "kept", error;
+        EXPECT_FALSE(PLPropertyListWriteXML(plist, out, &error));
+        EXPECT_EQ(out, "kept");
+        EXPECT_NE(error.find(reason), std::string::npos) << error;
+        EXPECT_FALSE(PLPropertyListIsValid(plist, PLPropertyListFormat::XML));
+    }
+    PLHolder<const PLString> error;
+    EXPECT_FALSE(PLPropertyListCreateXMLData(withURL.get(), &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->utf8(), "value at /list/1: a URL is not a property-list type");
+
+    // Binary carries any valid UTF-8 but no URLs, non-string keys or broken text.
+    EXPECT_TRUE(PLPropertyListIsValid(badKey.get(), PLPropertyListFormat::Binary));
+    EXPECT_FALSE(PLPropertyListIsValid(withURL.get(), PLPropertyListFormat::Binary));
+    EXPECT_FALSE(PLPropertyListIsValid(numberKey.get(), PLPropertyListFormat::Binary));
+    EXPECT_FALSE(PLPropertyListCreateBinaryData(badText.get(), &error));
+    EXPECT_EQ(error->utf8(), "string at /s: not valid UTF-8 (at index 1)");
+    EXPECT_TRUE(PLPropertyListIsValid(PLString::create("ok").get(), PLPropertyListFormat::XML));
+}
+
+TEST(PLPropertyListRoundTrip, RealsAndDatesReadBackBitExact) {
+    const double reals[] = {0.1, 1e-300, -0.0, DBL_MAX, DBL_TRUE_MIN, 1.0 / 3, 123456789.125, -1e22, 5e-324,
+                            NAN, INFINITY, -INFINITY};
+    auto list = PLMutableArray::create();
+    for (double d : reals) list->append(real(d));
+    // Negative dates count their seconds from below, so their fractions
+    // must come out exact too.
+    const double dates[] = {0,    0.1,     -0.25,  1e-7,       123456789.987654321, -992490139.5,
+                            5e-324, -0.1, -1e-300, -123456.789, -62135596800.0 - kPLAbsoluteTimeIntervalSince1970 + 0.5};
+    for (double d : dates) list->append(PLDate::create(d));
+
+    const std::string xml = writeXML(list.get());
+    for (const char* text : {"<real>0.1</real>", "<real>1e-300</real>", "<real>-0</real>",
+                             "<real>1.7976931348623157e+308</real>", "<real>nan</real>", "<real>inf</real>",
+                             "<date>2000-12-31T23:59:59.9Z</date>", "<date>0001-01-01T00:00:00.5Z</date>"}) {
+        EXPECT_NE(xml.find(text), std::string::npos) << text;
+    }
+    for (const std::string& encoded : {xml, writeBinary(list.get())}) {
+        auto back = parse(encoded);
+        const auto* array = PLDynamicCast<PLArray>(back.get());
+        ASSERT_NE(array, nullptr);
+        ASSERT_EQ(array->count(), list->count());
+        for (std::size_t i = 0; i < std::size(reals); ++i) {
+            const double d = static_cast<const PLNumber*>(array->at(i))->doubleValue();
+            if (std::isnan(reals[i])) {
+                EXPECT_TRUE(std::isnan(d));
+            } else {
+                EXPECT_EQ(std::memcmp(&d, &reals[i], sizeof d), 0) << reals[i];
+            }
+        }
+        for (std::size_t i = 0; i < std::size(dates); ++i) {
+            const double d = static_cast<const PLDate*>(array->at(std::size(reals) + i))->absoluteTime();
+            EXPECT_EQ(d, dates[i]) << dates[i];
+        }
+    }
+}
+
+// Regression: a date written where the output buffer ends lost its last
+// bytes. Short elements before it (ten bytes per nested <true/>, plus a
+// string of some length) move it across the end of the first buffer (4 KiB
+// for a root of one element) byte by byte.
+TEST(PLPropertyListRoundTrip, ValuesAtTheEndOfTheOutputBufferAreWhole) {
+    for (std::size_t pad = 0; pad < 10; ++pad) {
+        for (std::size_t trues = 380; trues < 420; ++trues) {
+            auto list = PLMutableArray::create();
+            list->append(str(std::string(pad, 'x')));
+            for (std::size_t i = 0; i < trues; ++i) list->append(PLHolder<const PLObject>::retain(kPLBooleanTrue));
+            list->append(PLDate::create(0.125));
+            list->append(real(0.1));
+            auto root = PLMutableArray::create();
+            root->append(list);
+            auto back = parse(writeXML(root.get()));
+            ASSERT_TRUE(back && back->equals(*root)) << pad << " " << trues;
+        }
+    }
+}
+
+PLHolder<const PLObject> sampleTree() {
+    auto inner = PLMutableArray::create();
+    inner->append(str(""));
+    inner->append(str("caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC \xF0\x9F\x8E\xAC"));
+    inner->append(str("line\r\nbreak\ttab & <tag> ]]>"));
+    inner->append(num(std::numeric_limits<std::int64_t>::min()));
+    inner->append(num(std::numeric_limits<std::int64_t>::max()));
+    inner->append(num(4294967295));
+    inner->append(PLData::create("", 0));
+    inner->append(PLData::create("\xff\x00\x10", 3));
+    auto root = PLMutableDictionary::create();
+    root->set(str("list"), inner);
+    root->set(str("\xF0\x9F\x98\x80 key"), PLMutableDictionary::create());
+    root->set(str("when"), PLDate::create(-1e9));
+    root->set(str("yes"), PLHolder<const PLObject>::retain(kPLBooleanTrue));
+    for (int i = 0; i < 30; ++i) root->set(str("k" + std::to_string(i)), num(i * 1000003));
+    return root;
+}
+
+TEST(PLPropertyListRoundTrip, XMLAndBinaryGiveEqualTreesWithTheAskedMutability) {
+    const auto tree = sampleTree();
+    for (const std::string& encoded : {writeXML(tree.get()), writeBinary(tree.get())}) {
+        PLPropertyListFormat format;
+        std::string error;
+        auto frozen = PLPropertyListCreateFromBytes(encoded.data(), encoded.size(), PLMutability::Immutable, &error,
+                                                    &format);
+        ASSERT_TRUE(frozen) << error;
+        EXPECT_EQ(format, encoded.starts_with("bplist00") ? PLPropertyListFormat::Binary : PLPropertyListFormat::XML);
+        EXPECT_TRUE(frozen->equals(*tree));
+        EXPECT_FALSE(frozen->isMutable());
+        EXPECT_EQ(static_cast<const PLNumber*>(dict(frozen)->get("k1"))->numberType(), PLNumberType::SInt32);
+
+        auto containers = parse(encoded, nullptr, PLMutability::MutableContainers);
+        auto* root = PLMutableCast<PLMutableDictionary>(containers.get());
+        ASSERT_NE(root, nullptr);
+        auto* list = PLMutableCast<PLMutableArray>(root->get("list"));
+        ASSERT_NE(list, nullptr);
+        EXPECT_FALSE(list->at(1)->isMutable());
+        list->append(num(1));
+        root->remove(str("yes").get());
+        EXPECT_FALSE(containers->equals(*tree));
+
+        auto leaves = parse(encoded, nullptr, PLMutability::MutableContainersAndLeaves);
+        ASSERT_TRUE(leaves->equals(*tree));
+        const auto* leafList = static_cast<const PLArray*>(dict(leaves)->get("list"));
+        EXPECT_NE(PLMutableCast<PLMutableString>(leafList->at(1)), nullptr);
+        EXPECT_NE(PLMutableCast<PLMutableData>(leafList->at(7)), nullptr);
+        for (const auto& [key, value] : dict(leaves)->entries()) EXPECT_FALSE(key->isMutable());
+    }
+}
+
+// The writer's escaping checked against the XML parser on random text.
+TEST(PLPropertyListRoundTrip, RandomTextSurvivesEscaping) {
+    const char* pieces[] = {"a", "&", "<", ">", "\r", "\n", "\t", "\"", "'", "]]>", " ", "\xC3\xA9", "\xF0\x9F\x98\x80",
+                            "&amp;", "\x7f", "\xEF\xBF\xBD"};
+    std::mt19937 rng(7);
+    auto root = PLMutableDictionary::create();
+    for (int i = 0; i < 300; ++i) {
+        std::string s;
+        const int n = static_cast<int>(rng() % 12);
+        for (int j = 0; j < n; ++j) s += pieces[rng() % std::size(pieces)];
+        root->set(str(s + std::to_string(i)), str(s));
+    }
+    auto back = parse(writeXML(root.get()));
+    ASSERT_TRUE(back);
+    EXPECT_TRUE(back->equals(*root));
+}
+
+TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
+    const std::string doc =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<!DOCTYPE plist PUBLIC \"-//Example//DTD PLIST 1.0//EN\" \"http://example.com/plist.dtd\">\n"
+        "<!-- made by hand -->\n"
+        "<plist version=\"1.0\"><dict>\n"
+        " <key>hex</key><integer> 0x1F </integer>\n"
+        " <key>min</key><integer>-9223372036854775808</integer>\n"
+        " <key>plus</key><!-- between --><?note x?><integer>+42</integer>\n"
+        " <key>reals</key><array><real>+infinity</real><real>-INF</real><real>NaN</real><real>1e3</real>"
+        "<real> .5 </real></array>\n"
+        " <key>when</key><date>2001-01-01T00:00:01.5Z</date>\n"
+        " <key>leap</key><date>2024-02-29T23:59:59Z</date>\n"
+        " <key>blob</key><data>\n   AAEC\n   aGVsbG8\n </data>\n"
+        " <key>cdata</key><string><![CDATA[<raw> & stuff]]></string>\n"
+        " <key>refs</key><string>&amp;&#x1F600;&#65;</string>\n"
+        " <key>dup</key><string>first</string>\n"
+        " <key>dup</key><string>second</string>\n"
+        " <key>empty</key><string/>\n"
+        "</dict></plist>\n";
+    std::string error;
+    auto plist = parse(doc, &error);
+    ASSERT_TRUE(plist) << error;
+    const PLDictionary* d = dict(plist);
+    auto number = [&](const char* key) { return static_cast<const PLNumber*>(d->get(key)); };
+    auto text = [&](const char* key) { return static_cast<const PLString*>(d->get(key))->utf8(); };
+    EXPECT_EQ(number("hex")->int64Value(), 31);
+    EXPECT_EQ(number("min")->int64Value(), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(number("min")->numberType(), PLNumberType::SInt64);
+    EXPECT_EQ(number("plus")->int32Value(), 42);
+    const auto* reals = static_cast<const PLArray*>(d->get("reals"));
+    EXPECT_EQ(static_cast<const PLNumber*>(reals->at(0))->doubleValue(), INFINITY);
+    EXPECT_EQ(static_cast<const PLNumber*>(reals->at(1))->doubleValue(), -INFINITY);
+    EXPECT_TRUE(std::isnan(static_cast<const PLNumber*>(reals->at(2))->doubleValue()));
+    EXPECT_EQ(static_cast<const PLNumber*>(reals->at(3))->doubleValue(), 1000.0);
+    EXPECT_EQ(static_cast<const PLNumber*>(reals->at(4))->doubleValue(), 0.5);
+    EXPECT_EQ(static_cast<const PLDate*>(d->get("when"))->absoluteTime(), 1.5);
+    EXPECT_EQ(static_cast<const PLDate*>(d->get("leap"))->absoluteTime(), 730943999.0);
+    EXPECT_EQ(static_cast<const PLData*>(d->get("blob"))->view(), std::string_view("\0\1\2hello", 8));
+    EXPECT_EQ(text("cdata"), "<raw> & stuff");
+    EXPECT_EQ(text("refs"), "&\xF0\x9F\x98\x80"
+                            "A");
+    EXPECT_EQ(text("dup"), "second");
+    EXPECT_EQ(text("empty"), "");
+    EXPECT_EQ(d->count(), 11u);
+}
+
+TEST(PLPropertyListReader, RefusesMalformedXMLSayingWhatAndWhere) {
+    expectRefused("<plist>\n<dict>\n\t<foo/>", "malformed XML property list at line 3:2: unknown element <foo>");
+    expectRefused("<plist><dict><key>a</key>", "no element found");
+    expectRefused("<plist><dict></array></plist>", "mismatched tag");
+    expectRefused("<plist><string>\xff</string></plist>", "not well-formed");
+    expectRefused("<plist><string>\xC0\x80</string></plist>", "not well-formed");
+    std::string deep = "<plist>";
+    for (int i = 0; i < 600; ++i) deep += "<array>";
+    expectRefused(deep, "elements nested more than 512 deep");
+    expectRefused("<!DOCTYPE plist [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;\">]>"
+                  "<plist><string>&b;</string></plist>",
+                  "entity declarations are not allowed (<!ENTITY a>)");
+    expectRefused("<plist><string>&nope;</string></plist>", "undefined entity");
+    expectRefused("<plist><integer>99999999999999999999</integer></plist>", "integer out of the 64-bit range");
+    expectRefused("<plist><integer>9223372036854775808</integer></plist>", "integer out of the 64-bit range");
+    expectRefused("<plist><integer>0x8000000000000000</integer></plist>", "integer out of the 64-bit range");
+    expectRefused("<plist><integer>12abc</integer></plist>", "invalid integer \"12abc\"");
+    expectRefused("<plist><integer></integer></plist>", "invalid integer");
+    expectRefused("<plist><real>1e400</real></plist>", "real out of range");
+    expectRefused("<plist><real>1.2.3</real></plist>", "invalid real");
+    expectRefused("<plist><date>2026-13-01T00:00:00Z</date></plist>", "a field is out of range");
+    expectRefused("<plist><date>2026-02-29T00:00:00Z</date></plist>", "a field is out of range");
+    expectRefused("<plist><date>2026-11-22 10:00:00</date></plist>", "invalid date");
+    expectRefused("<plist><date>2026-11-22T10:00:00.Z</date></plist>", "invalid date");
+    expectRefused("<plist><data>@@@@</data></plist>", "invalid base64");
+    expectRefused("<plist><data>AAECa</data></plist>", "truncated");
+    expectRefused("<plist><data>AA=A</data></plist>", "invalid base64");
+    expectRefused("<plist><array><key>a</key></array></plist>", "<key> outside a dictionary");
+    expectRefused("<plist><dict><key>a</key></dict></plist>", "no value for key \"a\"");
+    expectRefused("<plist><dict><key>a</key><key>b</key></dict></plist>", "no value for key \"a\"");
+    expectRefused("<plist><dict><string>x</string></dict></plist>", "<string> where a <key> was expected");
+    expectRefused("<plist><dict>junk</dict></plist>", "unexpected text \"junk\" in <dict>");
+    expectRefused("<dict/>", "the root element is <dict>, not <plist>");
+    expectRefused("<plist/>", "no value in <plist>");
+    expectRefused("<plist><true/><false/></plist>", "more than one value in <plist>");
+    expectRefused("<plist><true>yes</true></plist>", "text inside <true/>");
+    expectRefused("<plist><string><b/></string></plist>", "element <b> inside <string>");
+    expectRefused("<plist><array><plist/></array></plist>", "<plist> inside a property list");
+    expectRefused("", "empty input");
+
+    PLHolder<const PLString> error;
+    auto data = PLData::create("<plist>", 7);
+    EXPECT_FALSE(PLPropertyListCreateFromXMLData(data.get(), PLMutability::Immutable, &error));
+    ASSERT_TRUE(error);
+    EXPECT_TRUE(error->utf8().starts_with("malformed XML property list at line 1:8: "));
+    EXPECT_FALSE(PLPropertyListCreateFromXMLData(nullptr, PLMutability::Immutable, &error));
+    auto good = PLData::create("<plist><true/></plist>", 22);
+    EXPECT_TRUE(PLPropertyListCreateFromXMLData(good.get(), PLMutability::Immutable, &error));
+    EXPECT_FALSE(error);
+}
+
+TEST(PLPropertyListReader, ReadsEveryBinaryObjectKind) {
+    std::string be8;
+    const double when = 817034400.0;
+    std::uint64_t bits;
+    std::memcpy(&bits, &when, 8);
+    for (int i = 7; i >= 0; --i) be8 += static_cast<char>(bits >> (8 * i));
+    const std::string file = bplist({
+        bytes({0xAB, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}),                             // 0: array of 11
+        bytes({0x10, 0xFF}),                                                          // 1: 255
+        bytes({0x11, 0x01, 0x00}),                                                    // 2: 256
+        bytes({0x12, 0xFF, 0xFF, 0xFF, 0xFF}),                                        // 3: 4294967295
+        bytes({0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),                // 4: -1
+        bytes({0x14, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,                  // 5: -2 in 16 bytes
+               0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}),
+        bytes({0x22, 0x3F, 0xC0, 0x00, 0x00}),                                        // 6: 1.5f
+        bytes({0x33}) + be8,                                                          // 7: date
+        bytes({0x64, 0x00, 0xE9, 0xD8, 0x3D, 0xDE, 0x00, 0x00, 0x41}),                // 8: "é😀A"
+        bytes({0xD1, 10, 1}),                                                         // 9: {"k": 255}
+        bytes({0x51, 'k'}),                                                           // 10: "k"
+        bytes({0x4F, 0x10, 0x02, 0xAB, 0xCD}),                                        // 11: data, long count
+    });
+    std::string error;
+    auto plist = parse(file, &error);
+    ASSERT_TRUE(plist) << error;
+    const auto* a = PLDynamicCast<PLArray>(plist.get());
+    ASSERT_EQ(a->count(), 11u);
+    auto n = [&](std::size_t i) { return static_cast<const PLNumber*>(a->at(i)); };
+    EXPECT_EQ(n(0)->int64Value(), 255);
+    EXPECT_EQ(n(1)->int64Value(), 256);
+    EXPECT_EQ(n(2)->int64Value(), 4294967295);
+    EXPECT_EQ(n(2)->numberType(), PLNumberType::SInt64);
+    EXPECT_EQ(n(3)->int64Value(), -1);
+    EXPECT_EQ(n(4)->int64Value(), -2);
+    EXPECT_EQ(n(5)->doubleValue(), 1.5);
+    EXPECT_EQ(static_cast<const PLDate*>(a->at(6))->absoluteTime(), when);
+    EXPECT_EQ(static_cast<const PLString*>(a->at(7))->utf8(), "\xC3\xA9\xF0\x9F\x98\x80"
+                                                              "A");
+    EXPECT_EQ(static_cast<const PLNumber*>(static_cast<const PLDictionary*>(a->at(8))->get("k"))->int32Value(), 255);
+    EXPECT_EQ(static_cast<const PLData*>(a->at(10))->view(), "\xAB\xCD");
+}
+
+TEST(PLPropertyListReader, RefusesMalformedBinarySayingWhere) {
+    const std::pair<std::string, std::string> cases[] = {
+        {bplist({bytes({0xA1, 0})}), "object 0 contains itself (a reference cycle)"},
+        {bplist({bytes({0xA1, 1}), bytes({0xD1, 2, 0}), bytes({0x51, 'k'})}), "a reference cycle"},
+        {bplist({bytes({0xA1, 5})}), "at offset 9: object reference 5 out of range (1 objects)"},
+        {bplist({bytes({0xA1, 1}), bytes({0x09})}, 0, {8, 200}), "object 1 has offset 200 outside the object area"},
+        {bplist({bytes({0xAF, 0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF})}), "runs past the object area"},
+        {bplist({bytes({0x4F, 0x12, 0x7F, 0xFF, 0xFF, 0xFF})}), "runs past the object area"},
+        {bplist({bytes({0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 0})}), "integer out of the 64-bit range"},
+        {bplist({bytes({0x15, 0})}), "invalid integer size"},
+        {bplist({bytes({0x13, 0, 0})}), "integer truncated"},
+        {bplist({bytes({0x61, 0xD8, 0x3D})}), "unpaired surrogate"},
+        {bplist({bytes({0x51, 0xE9})}), "non-ASCII byte in an ASCII string"},
+        {bplist({bytes({0xD1, 1, 2}), bytes({0x10, 1}), bytes({0x10, 2})}), "dictionary key is a number, not a string"},
+        {bplist({bytes({0xC0})}), "sets are not supported"},
+        {bplist({bytes({0x80, 1})}), "UID objects are not supported"},
+        {bplist({bytes({0x00})}), "null objects are not supported"},
+        {bplist({bytes({0x09})}, 3), "top object 3 out of range"},
+        {"bplist01" + bplist({bytes({0x09})}).substr(8), "unknown version"},
+        {"bplist00", "file too short"},
+    };
+    for (const auto& [file, reason] : cases) {
+        std::string error;
+        EXPECT_FALSE(parse(file, &error)) << reason;
+        EXPECT_TRUE(error.starts_with("malformed binary property list at offset ")) << error;
+        EXPECT_NE(error.find(reason), std::string::npos) << "error \"" << error << "\" lacks \"" << reason << "\"";
+    }
+
+    // Shared objects are fine in moderation, not when they multiply: 40
+    // arrays each holding the next twice stand for 2^40 values.
+    std::vector<std::string> chain;
+    for (unsigned i = 0; i < 39; ++i) chain.push_back(bytes({0xA2, i + 1, i + 1}));
+    chain.push_back(bytes({0x09}));
+    expectRefused(bplist(chain), "shared objects expand to more than 1048576 values");
+    chain.erase(chain.begin(), chain.begin() + 30);
+    for (unsigned i = 0; i < 9; ++i) chain[i] = bytes({0xA2, i + 1, i + 1});
+    auto shared = parse(bplist(chain), nullptr, PLMutability::MutableContainers);
+    ASSERT_TRUE(shared);
+    EXPECT_EQ(static_cast<const PLArray*>(shared.get())->count(), 2u);
+}
+
+// No prefix and no single-byte corruption of a valid file may crash the
+// reader; a prefix is never a valid file.
+TEST(PLPropertyListReader, SurvivesTruncatedAndCorruptedBinary) {
+    const std::string file = writeBinary(sampleTree().get());
+    for (std::size_t n = 0; n < file.size(); ++n) {
+        std::string error;
+        EXPECT_FALSE(parse(file.substr(0, n), &error)) << n;
+        EXPECT_FALSE(error.empty());
+    }
+    for (std::size_t i = 0; i < file.size(); ++i) {
+        std::string corrupt = file;
+        corrupt[i] = static_cast<char>(corrupt[i] ^ 0x5A);
+        auto plist = parse(corrupt);
+        if (plist) {
+            EXPECT_TRUE(plist->equals(*PLPropertyListCreateDeepCopy(plist.get(), PLMutability::MutableContainers)));
+        }
+    }
+}
+
+// Readers on several threads at once, and trees built on one thread released
+// on others (large documents pack their values together); run under TSan.
+TEST(PLPropertyListReader, ThreadsReadAndReleaseConcurrently) {
+    auto big = PLMutableDictionary::create();
+    for (int i = 0; i < 3000; ++i) {
+        auto entry = PLMutableArray::create();
+        entry->append(str("value " + std::to_string(i)));
+        entry->append(real(i / 7.0));
+        big->set(str("key" + std::to_string(i)), entry);
+    }
+    const std::string xml = writeXML(big.get());
+    const std::string binary = writeBinary(big.get());
+    ASSERT_GT(xml.size(), 64u * 1024);
+    std::vector<PLHolder<const PLObject>> parts(4);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 3; ++round) {
+                auto plist = parse(t % 2 ? binary : xml);
+                if (!plist || !plist->equals(*big)) std::abort();
+                parts[t] = PLHolder<const PLObject>::retain(dict(plist)->get("key" + std::to_string(t)));
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    threads.clear();
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&parts, t] {
+            PLHolder<const PLObject> mine = std::move(parts[(t + 1) % 4]);
+            if (!mine || static_cast<const PLArray*>(mine.get())->count() != 2) std::abort();
+        });
+    }
+    for (auto& t : threads) t.join();
+}
+
+}  // namespace

@@ -1,0 +1,294 @@
+// The host seam: everything QuillCore asks of the machine it runs on, behind
+// one interface, so that tests can replace any part of it.
+//
+// host() is the interface the library uses. By default it is the real Linux
+// host (defaultHost()); a test installs a substitute with setHost() or, better,
+// a CScopedHost, usually a CHostWrapper that overrides the one or two methods
+// the test cares about and forwards everything else to the real host.
+//
+// Threads. The default host is safe to call from any thread at once. setHost()
+// itself is atomic, but a substitute must stay alive for as long as it is
+// installed and as long as any thread may still be calling into it; install
+// and remove substitutes while no other thread uses the host. Substitutes used
+// from several threads must be thread-safe themselves.
+//
+// Exceptions. Unless a method says otherwise, host methods report failures
+// through their results and throw only std::bad_alloc.
+#pragma once
+
+#include <quillcore/platform/PLObject.h>
+#include <quillcore/platform/export.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace quill::platform {
+
+// A moment on the Gregorian calendar in the system time zone.
+struct CCalendarDate {
+    std::int32_t year = 2001;
+    std::int32_t month = 1;   // 1 ... 12
+    std::int32_t day = 1;     // 1 ... 31
+    std::int32_t hour = 0;    // 0 ... 23
+    std::int32_t minute = 0;  // 0 ... 59
+    double second = 0.0;      // 0 ... below 61 (fraction included)
+    std::int32_t weekday = 1; // 1 = Monday ... 7 = Sunday
+};
+
+// The limit on open files of the process. Both values use kUnlimited for
+// "no limit", whatever the kernel's own representation is.
+struct CResourceLimit {
+    static constexpr std::int64_t kUnlimited = std::numeric_limits<std::int64_t>::max();
+    std::int64_t soft = 0;
+    std::int64_t hard = 0;
+};
+
+// External programs and files whose locations the system fixes. Each may be
+// moved elsewhere through an environment variable, read at every call, so that
+// tests can point them at fakes.
+enum class SystemPath : std::uint8_t {
+    RunwardCtl,   // the service manager's control command
+    Mount,        // the mount command
+    Umount,       // the unmount command
+    ExportsFile,  // the NFS exports file
+};
+
+inline constexpr const char* kRunwardCtlPath = "/bin/runwardctl";
+inline constexpr const char* kRunwardCtlPathVariable = "QUILL_RUNWARDCTL";
+inline constexpr const char* kMountPath = "/sbin/mount";
+inline constexpr const char* kMountPathVariable = "QUILL_MOUNT";
+inline constexpr const char* kUmountPath = "/sbin/umount";
+inline constexpr const char* kUmountPathVariable = "QUILL_UMOUNT";
+inline constexpr const char* kExportsFilePath = "/etc/exports";
+inline constexpr const char* kExportsFilePathVariable = "QUILL_EXPORTS_FILE";
+
+// When this environment variable names a file, console entries are appended to
+// that file instead of going to the system log.
+inline constexpr const char* kConsoleLogVariable = "QUILL_CONSOLE_LOG";
+
+// How IHost::openLockedFile opens a file and which whole-file advisory lock
+// (flock semantics) it takes.
+enum class FileLock : std::uint8_t {
+    Shared,     // read-only, shared lock; a missing file fails with ENOENT
+    Exclusive,  // read-write, exclusive lock; a missing file is created with mode 0600
+};
+
+// What the host tells about its processors (the first one, where they
+// differ). Every field may be unknown; each says how that reads. Frequencies
+// are in hertz.
+struct CProcessorFacts {
+    // The machine architecture as the kernel names it ("x86_64", "i686",
+    // "aarch64"); empty when even that is unknown.
+    std::string architecture;
+    // The manufacturer's identification ("GenuineIntel", "AuthenticAMD");
+    // empty when unknown.
+    std::string vendor;
+    // The family and model numbers of the processor identification (x86:
+    // "cpu family" and "model"); -1 when unknown.
+    std::int32_t family = -1;
+    std::int32_t model = -1;
+    // The marketing name ("Intel(R) Xeon(R) CPU E5-2680 v4 @ 2.40GHz"); empty
+    // when unknown.
+    std::string brand;
+    // The nominal clock frequency; 0 when unknown.
+    std::uint64_t frequency = 0;
+    // The lowest and highest frequency the processor runs at; 0 when unknown.
+    std::uint64_t minimumFrequency = 0;
+    std::uint64_t maximumFrequency = 0;
+};
+
+// Everything the library takes from the host.
+class QUILL_PLATFORM_EXPORT IHost {
+public:
+    IHost() = default;
+    IHost(const IHost&) = delete;
+    IHost& operator=(const IHost&) = delete;
+    virtual ~IHost();
+
+    // ------------------------------------------------------------ clock
+
+    // The current absolute time (seconds since 2001-01-01 00:00:00 UTC).
+    virtual PLAbsoluteTime currentTime() = 0;
+
+    // ---------------------------------------------- time zone and calendar
+
+    // `at` as a date in the system time zone. The zone is the one TZ names at
+    // the moment of the call (the real host re-reads it every time). Never
+    // fails: times of more than 10^16 seconds either way are clamped to that
+    // range and NaN is taken as 0.
+    virtual CCalendarDate calendarDate(PLAbsoluteTime at) = 0;
+
+    // The absolute time of a local date in the system time zone; `weekday` is
+    // ignored. Fields out of their ranges carry over (hour 24 is midnight of
+    // the next day, month 13 is January of the next year). A local time that
+    // a daylight-saving change skips or repeats resolves as the C library's
+    // mktime does. NaN when the date cannot be represented.
+    virtual PLAbsoluteTime absoluteTime(const CCalendarDate& local) = 0;
+
+    // ------------------------------------------------------- host facts
+
+    // The user-visible name of the computer; empty when it has none.
+    virtual std::string computerName() = 0;
+    // The names of this host, primary first; empty when it reports none.
+    virtual std::vector<std::string> hostNames() = 0;
+    // The network addresses of this host as text, primary first; empty when
+    // there are none.
+    virtual std::vector<std::string> hostAddresses() = 0;
+    // The number of processors available to the system; -1 when unknown.
+    virtual std::int32_t processorCount() = 0;
+    // The facts about the processors; see CProcessorFacts.
+    virtual CProcessorFacts processorFacts() = 0;
+    // The files of the program and of every shared object loaded into this
+    // process, program first, then in load order, as the loader names them
+    // (symbolic links not resolved; absolute unless a program loaded an
+    // object by a relative path). Objects without a file (the kernel's
+    // virtual one) are left out.
+    virtual std::vector<std::string> loadedImagePaths() = 0;
+    // The name of the running program (without directory).
+    virtual std::string processName() = 0;
+    virtual std::int32_t processID() = 0;
+    // The home directory of the current user; empty when it cannot be found.
+    virtual std::string homeDirectory() = 0;
+    // The directory for temporary files, without a trailing "/" (except "/").
+    virtual std::string temporaryDirectory() = 0;
+
+    // -------------------------------------------------- external commands
+
+    virtual std::string systemPath(SystemPath which) = 0;
+
+    // ------------------------------------------------------------ console
+
+    // Writes one entry to the system console log. Trailing line feeds of
+    // `text` are dropped; never fails visibly.
+    virtual void logToConsole(std::string_view text) = 0;
+
+    // ---------------------------------------------------- resource limits
+
+    // The limit on open files (RLIMIT_NOFILE). On failure returns the system
+    // error and leaves `limit` unchanged.
+    virtual std::error_code getOpenFilesLimit(CResourceLimit& limit) = 0;
+    virtual std::error_code setOpenFilesLimit(const CResourceLimit& limit) = 0;
+
+    // ----------------------------------------------------- files and locks
+    //
+    // Descriptors are plain POSIX descriptors, opened close-on-exec so that
+    // launched programs never inherit a lock. Failures come back as the
+    // system's errno value (system category; message() is the system's text).
+
+    // Opens `path` as `lock` says and takes that lock in the same step, before
+    // any byte is read or written; blocks until the lock is granted, without
+    // time-out (interrupted waits are resumed). The lock lives exactly as long
+    // as the descriptor: closing it (or the process ending) gives it back. On
+    // success stores the descriptor in `fd`; on failure nothing stays open and
+    // `fd` is left as it was.
+    virtual std::error_code openLockedFile(const std::string& path, FileLock lock, int& fd) = 0;
+    // Closes `fd`. The descriptor is gone afterwards even when an error is
+    // reported.
+    virtual std::error_code closeFile(int fd) = 0;
+    // The length of the file, found by seeking to its end; the offset is put
+    // back at the start of the file.
+    virtual std::error_code fileLength(int fd, std::uint64_t& length) = 0;
+    // Reads from the current offset until `size` bytes are in `buffer` or the
+    // file ends, resuming after partial and interrupted reads. `got` is the
+    // number of bytes read, also on failure; reaching the end early is no
+    // error.
+    virtual std::error_code readFile(int fd, void* buffer, std::size_t size, std::size_t& got) = 0;
+    // Writes all `size` bytes at `offset` (positional writes, resumed after
+    // partial and interrupted ones). `written` is the number of bytes written,
+    // also on failure.
+    virtual std::error_code writeFileAt(int fd, std::uint64_t offset, const void* data, std::size_t size,
+                                        std::size_t& written) = 0;
+    // Cuts (or extends) the file to `length` bytes.
+    virtual std::error_code truncateFile(int fd, std::uint64_t length) = 0;
+
+    // ------------------------------------------------------- file status
+    //
+    // Failures come back as the system's errno value, as above.
+
+    // Whether a status query of the file system that holds `path` (statfs)
+    // succeeds: a test that `path` exists and can be reached, whatever it is.
+    virtual std::error_code fileSystemStatus(const std::string& path) = 0;
+    // The whole mode word of `path` (stat's st_mode: type and permission
+    // bits), following symbolic links.
+    virtual std::error_code fileMode(const std::string& path, std::uint32_t& mode) = 0;
+    // Sets the permission bits of `path` (chmod).
+    virtual std::error_code setFileMode(const std::string& path, std::uint32_t mode) = 0;
+};
+
+// Forwards every call to a target host. Derive from it and override what a
+// test needs to change. The target must outlive the wrapper. The wrapper is as
+// thread-safe as its target and its overrides.
+class QUILL_PLATFORM_EXPORT CHostWrapper : public IHost {
+public:
+    // Wraps the default (real) host.
+    CHostWrapper();
+    // Wraps `target`, which must not be null.
+    explicit CHostWrapper(IHost* target) noexcept : _target(target) {}
+    ~CHostWrapper() override;
+
+    IHost& target() const noexcept { return *_target; }
+
+    PLAbsoluteTime currentTime() override;
+    CCalendarDate calendarDate(PLAbsoluteTime at) override;
+    PLAbsoluteTime absoluteTime(const CCalendarDate& local) override;
+    std::string computerName() override;
+    std::vector<std::string> hostNames() override;
+    std::vector<std::string> hostAddresses() override;
+    std::int32_t processorCount() override;
+    CProcessorFacts processorFacts() override;
+    std::vector<std::string> loadedImagePaths() override;
+    std::string processName() override;
+    std::int32_t processID() override;
+    std::string homeDirectory() override;
+    std::string temporaryDirectory() override;
+    std::string systemPath(SystemPath which) override;
+    void logToConsole(std::string_view text) override;
+    std::error_code getOpenFilesLimit(CResourceLimit& limit) override;
+    std::error_code setOpenFilesLimit(const CResourceLimit& limit) override;
+    std::error_code openLockedFile(const std::string& path, FileLock lock, int& fd) override;
+    std::error_code closeFile(int fd) override;
+    std::error_code fileLength(int fd, std::uint64_t& length) override;
+    std::error_code readFile(int fd, void* buffer, std::size_t size, std::size_t& got) override;
+    std::error_code writeFileAt(int fd, std::uint64_t offset, const void* data, std::size_t size,
+                                std::size_t& written) override;
+    std::error_code truncateFile(int fd, std::uint64_t length) override;
+    std::error_code fileSystemStatus(const std::string& path) override;
+    std::error_code fileMode(const std::string& path, std::uint32_t& mode) override;
+    std::error_code setFileMode(const std::string& path, std::uint32_t mode) override;
+
+private:
+    IHost* const _target;
+};
+
+// The real Linux host. It belongs to the library, lives for the whole process
+// (it is never destroyed, so it may be used during static destruction) and
+// must never be deleted.
+QUILL_PLATFORM_EXPORT IHost& defaultHost() noexcept;
+
+// The host currently in use: the installed substitute, else defaultHost().
+QUILL_PLATFORM_EXPORT IHost& host() noexcept;
+
+// Installs `substitute` (null reinstalls the default host) and returns the host
+// that was installed before (null when it was the default). The caller keeps
+// ownership of the substitute.
+QUILL_PLATFORM_EXPORT IHost* setHost(IHost* substitute) noexcept;
+
+// Installs a host for the lifetime of the object and then puts the previous
+// one back. Scopes must end in the reverse order of their creation.
+class QUILL_PLATFORM_EXPORT CScopedHost final {
+public:
+    explicit CScopedHost(IHost& substitute) noexcept : _previous(setHost(&substitute)) {}
+    ~CScopedHost() { setHost(_previous); }
+    CScopedHost(const CScopedHost&) = delete;
+    CScopedHost& operator=(const CScopedHost&) = delete;
+
+private:
+    IHost* const _previous;
+};
+
+}  // namespace quill::platform

@@ -1,0 +1,71 @@
+#include <quillcore/platform/Host.h>
+
+#include <atomic>
+
+namespace quill::platform {
+
+namespace {
+
+// Null while the default host is in use.
+std::atomic<IHost*> gSubstitute{nullptr};
+
+}  // namespace
+
+IHost::~IHost() = default;
+
+IHost& host() noexcept {
+    IHost* substitute = gSubstitute.load(std::memory_order_acquire);
+    return substitute ? *substitute : defaultHost();
+}
+
+IHost* setHost(IHost* substitute) noexcept {
+    if (substitute == &defaultHost()) substitute = nullptr;
+    return gSubstitute.exchange(substitute, std::memory_order_acq_rel);
+}
+
+CHostWrapper::CHostWrapper() : _target(&defaultHost()) {}
+CHostWrapper::~CHostWrapper() = default;
+
+PLAbsoluteTime CHostWrapper::currentTime() { return _target->currentTime(); }
+CCalendarDate CHostWrapper::calendarDate(PLAbsoluteTime at) { return _target->calendarDate(at); }
+PLAbsoluteTime CHostWrapper::absoluteTime(const CCalendarDate& local) { return _target->absoluteTime(local); }
+std::string CHostWrapper::computerName() { return _target->computerName(); }
+std::vector<std::string> CHostWrapper::hostNames() { return _target->hostNames(); }
+std::vector<std::string> CHostWrapper::hostAddresses() { return _target->hostAddresses(); }
+std::int32_t CHostWrapper::processorCount() { return _target->processorCount(); }
+CProcessorFacts CHostWrapper::processorFacts() { return _target->processorFacts(); }
+std::vector<std::string> CHostWrapper::loadedImagePaths() { return _target->loadedImagePaths(); }
+std::string CHostWrapper::processName() { return _target->processName(); }
+std::int32_t CHostWrapper::processID() { return _target->processID(); }
+std::string CHostWrapper::homeDirectory() { return _target->homeDirectory(); }
+std::string CHostWrapper::temporaryDirectory() { return _target->temporaryDirectory(); }
+std::string CHostWrapper::systemPath(SystemPath which) { return _target->systemPath(which); }
+void CHostWrapper::logToConsole(std::string_view text) { _target->logToConsole(text); }
+std::error_code CHostWrapper::getOpenFilesLimit(CResourceLimit& limit) { return _target->getOpenFilesLimit(limit); }
+std::error_code CHostWrapper::setOpenFilesLimit(const CResourceLimit& limit) {
+    return _target->setOpenFilesLimit(limit);
+}
+std::error_code CHostWrapper::openLockedFile(const std::string& path, FileLock lock, int& fd) {
+    return _target->openLockedFile(path, lock, fd);
+}
+std::error_code CHostWrapper::closeFile(int fd) { return _target->closeFile(fd); }
+std::error_code CHostWrapper::fileLength(int fd, std::uint64_t& length) { return _target->fileLength(fd, length); }
+std::error_code CHostWrapper::readFile(int fd, void* buffer, std::size_t size, std::size_t& got) {
+    return _target->readFile(fd, buffer, size, got);
+}
+std::error_code CHostWrapper::writeFileAt(int fd, std::uint64_t offset, const void* data, std::size_t size,
+                                          std::size_t& written) {
+    return _target->writeFileAt(fd, offset, data, size, written);
+}
+std::error_code CHostWrapper::truncateFile(int fd, std::uint64_t length) {
+    return _target->truncateFile(fd, length);
+}
+std::error_code CHostWrapper::fileSystemStatus(const std::string& path) { return _target->fileSystemStatus(path); }
+std::error_code CHostWrapper::fileMode(const std::string& path, std::uint32_t& mode) {
+    return _target->fileMode(path, mode);
+}
+std::error_code CHostWrapper::setFileMode(const std::string& path, std::uint32_t mode) {
+    return _target->setFileMode(path, mode);
+}
+
+}  // namespace quill::platform

@@ -1,0 +1,128 @@
+#include <quillcore/platform/Host.h>
+
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+using quill::platform::CCalendarDate;
+using quill::platform::CHostWrapper;
+using quill::platform::CScopedHost;
+using quill::platform::defaultHost;
+using quill::platform::host;
+using quill::platform::SystemPath;
+using quilltest::ScopedEnv;
+
+class CFixedClockHost final : public CHostWrapper {
+public:
+    explicit CFixedClockHost(double now) : _now(now) {}
+    PLAbsoluteTime currentTime() override { return _now; }
+
+private:
+    double _now;
+};
+
+TEST(HostSeam, SubstitutesNestAndWrappersForward) {
+    CFixedClockHost outer(10.0), inner(20.0);
+    {
+        CScopedHost outerScope(outer);
+        {
+            CScopedHost innerScope(inner);
+            EXPECT_EQ(host().currentTime(), 20.0);
+        }
+        EXPECT_EQ(&host(), &outer);
+        EXPECT_EQ(host().processID(), static_cast<std::int32_t>(getpid()));  // forwarded
+    }
+    EXPECT_EQ(&host(), &defaultHost());
+    EXPECT_EQ(quill::platform::setHost(&outer), nullptr);
+    EXPECT_EQ(quill::platform::setHost(nullptr), &outer);
+    EXPECT_EQ(&host(), &defaultHost());
+
+    CHostWrapper wrapperOfWrapper(&inner);
+    EXPECT_EQ(wrapperOfWrapper.currentTime(), 20.0);
+}
+
+void expectDate(const CCalendarDate& d, int year, int month, int day, int hour, int minute, double second,
+                int weekday) {
+    EXPECT_EQ(d.year, year);
+    EXPECT_EQ(d.month, month);
+    EXPECT_EQ(d.day, day);
+    EXPECT_EQ(d.hour, hour);
+    EXPECT_EQ(d.minute, minute);
+    EXPECT_DOUBLE_EQ(d.second, second);
+    EXPECT_EQ(d.weekday, weekday);
+}
+
+TEST(LinuxHostCalendar, DatesInTheZoneOfTheMoment) {
+    ScopedEnv utcFirst("TZ", "UTC");
+    expectDate(defaultHost().calendarDate(0.0), 2001, 1, 1, 0, 0, 0.0, 1);  // a Monday
+    expectDate(defaultHost().calendarDate(-0.75), 2000, 12, 31, 23, 59, 59.25, 7);
+    // 10000 Gregorian years are exactly 25 cycles of 146097 days.
+    expectDate(defaultHost().calendarDate(10000 * 365.2425 * 86400), 12001, 1, 1, 0, 0, 0.0, 1);
+    EXPECT_GT(defaultHost().calendarDate(1e300).year, 300000000);  // clamped, not wrapped
+    EXPECT_EQ(defaultHost().calendarDate(NAN).year, 2001);
+
+    ScopedEnv tz("TZ", "America/New_York");
+    expectDate(defaultHost().calendarDate(0.0), 2000, 12, 31, 19, 0, 0.0, 7);
+    double summer = defaultHost().absoluteTime({2026, 7, 4, 9, 5, 3.25, 0});  // daylight saving time
+    expectDate(defaultHost().calendarDate(summer), 2026, 7, 4, 9, 5, 3.25, 6);
+    ScopedEnv utc("TZ", "UTC");
+    EXPECT_EQ(defaultHost().calendarDate(summer).hour, 13);
+}
+
+TEST(LinuxHostCalendar, AbsoluteTimeRoundTripsAndNormalises) {
+    ScopedEnv utc("TZ", "UTC");
+    auto& h = defaultHost();
+    for (double at : {5.25, -86400.5, 1e12}) EXPECT_DOUBLE_EQ(h.absoluteTime(h.calendarDate(at)), at) << at;
+    EXPECT_EQ(h.absoluteTime({2001, 1, 1, 24, 0, 0.0, 0}), 86400.0);  // hour 24 is the next midnight
+    EXPECT_TRUE(std::isnan(h.absoluteTime({2001, 1, 1, 0, 0, NAN, 0})));
+}
+
+TEST(LinuxHostFacts, DirectoriesProcessAndSystemPaths) {
+    EXPECT_EQ(defaultHost().processName(), "platform_tests");
+    {
+        ScopedEnv home("HOME", "/some/where");
+        EXPECT_EQ(defaultHost().homeDirectory(), "/some/where");
+        ScopedEnv noHome("HOME", std::nullopt);
+        EXPECT_FALSE(defaultHost().homeDirectory().empty());  // from the user database
+    }
+    {
+        ScopedEnv tmp("TMPDIR", "/var/scratch//");
+        EXPECT_EQ(defaultHost().temporaryDirectory(), "/var/scratch");
+        ScopedEnv emptyTmp("TMPDIR", "");
+        EXPECT_EQ(defaultHost().temporaryDirectory(), "/tmp");
+    }
+    struct Case {
+        SystemPath which;
+        const char* fixed;
+        const char* variable;
+    };
+    for (const Case& c : {Case{SystemPath::RunwardCtl, "/bin/runwardctl", "QUILL_RUNWARDCTL"},
+                          Case{SystemPath::Mount, "/sbin/mount", "QUILL_MOUNT"},
+                          Case{SystemPath::Umount, "/sbin/umount", "QUILL_UMOUNT"},
+                          Case{SystemPath::ExportsFile, "/etc/exports", "QUILL_EXPORTS_FILE"}}) {
+        ScopedEnv unset(c.variable, std::nullopt);
+        EXPECT_EQ(defaultHost().systemPath(c.which), c.fixed);
+        ScopedEnv set(c.variable, "/fake/tool");
+        EXPECT_EQ(defaultHost().systemPath(c.which), "/fake/tool");
+    }
+}
+
+TEST(LinuxHostConsole, OneLinePerEntryInTheConsoleFile) {
+    quilltest::TempDir dir;
+    ScopedEnv file("QUILL_CONSOLE_LOG", (dir / "console.log").string());
+    defaultHost().logToConsole("first entry\n\n");
+    defaultHost().logToConsole("two\nlines");
+    std::string log = quilltest::readFile(dir / "console.log");
+    std::string tag = " platform_tests[" + std::to_string(getpid()) + "]: ";
+    std::size_t first = log.find(tag + "first entry\n20");
+    EXPECT_NE(first, std::string::npos) << log;
+    EXPECT_NE(log.find(tag + "two\n\tlines\n", first), std::string::npos) << log;
+}
+
+}  // namespace

@@ -13,10 +13,19 @@ echo "\$ quillctl version";              "$q" version
 echo "\$ quillctl plist lint $sample";   "$q" plist lint "$sample"
 echo "\$ quillctl plist get $sample corvaneconfig.DaemonPort"
 "$q" plist get "$sample" corvaneconfig.DaemonPort
-echo "\$ quillctl plist get $sample corvaneservices._orderList"
-"$q" plist get "$sample" corvaneservices._orderList
+admin=jobcontroller:com.tessaly.lumenforge.cluster.admin
+echo "\$ quillctl plist get $sample serviceconfig.$admin._orderList"
+"$q" plist get "$sample" "serviceconfig.$admin._orderList"
 echo "\$ quillctl plist print $sample | head -n 12"
 "$q" plist print "$sample" | head -n 12
+# The record verbs read the configuration of the user's HOME: a throw-away
+# home holds the sample as its configuration file.
+demo_home=$(mktemp -d)
+trap 'rm -rf "$demo_home"' EXIT
+mkdir -p "$demo_home/Library/Application Support/Lumenforge"
+cp "$sample" "$demo_home/Library/Application Support/Lumenforge/LumenforgeConfig.plist"
+echo "\$ quillctl config show";          HOME="$demo_home" "$q" config show
+echo "\$ quillctl services list";        HOME="$demo_home" "$q" services list
 echo "\$ quillctl digest $sample README.md"
 "$q" digest "$sample" README.md
 echo "(md5sum says:)"; md5sum "$sample" README.md

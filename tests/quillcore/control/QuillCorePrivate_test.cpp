@@ -1,0 +1,145 @@
+#include <quillcore/control/QuillCorePrivate.h>
+#include <quillcore/control/QuillCoreVersion.h>
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using namespace quill::QuillCorePrivate;
+
+struct Row {
+    const char* name;
+    std::string_view actual;
+    PLStringRef object;  // null for byte text
+    std::string_view expected;
+};
+
+Row bytes(const char* name, const char* value, const char* expected) { return {name, value, nullptr, expected}; }
+Row object(const char* name, PLStringRef value, const char* expected) {
+    return {name, value ? value->utf8() : std::string_view(), value, expected};
+}
+#define BYTES(constant, text) bytes(#constant, constant, text)
+#define OBJECT(constant, text) object(#constant, constant, text)
+
+// Every shared constant against the text other processes expect; the helper
+// each row goes through also pins the constant's storage form.
+const std::vector<Row>& table() {
+    static const std::vector<Row> rows = {
+        BYTES(kQuillConfigFilePath, "~/Library/Application Support/Lumenforge/LumenforgeConfig.plist"),
+        OBJECT(kServiceConfigFilePath, "~/Library/Application Support/Lumenforge/LumenforgeConfig.plist"),
+        OBJECT(kServiceCacheFilePath, "~/Library/Application Support/Lumenforge/LumenforgeConfig.plist"),
+        OBJECT(kHostPerfScoreFilePath, "~/Library/Application Support/Lumenforge/LumenforgeConfig.plist"),
+        OBJECT(kRadHostsFilePath, "~/Library/Application Support/Lumenforge/LumenforgeConfig.plist"),
+        OBJECT(kQuillPIDFilePath, "~/Library/Application Support/Lumenforge/LumenforgePID.plist"),
+        OBJECT(kQuillConfigPath, "~/Library/Application Support/Lumenforge/"),
+        BYTES(kQuillLogFilePath, "~/Library/Logs/Lumenforge/"),
+        OBJECT(kQuillFileCachePath, "~/Library/Application Support/Lumenforge/Cache"),
+        OBJECT(kQuillDefaultClusterStoragePath, "~/Library/Application Support/Lumenforge/Storage/"),
+        OBJECT(kQuillClusterStorageMountPath, "/Users/Shared/Library/Application Support/Lumenforge/Storage/"),
+        OBJECT(kQuillClusterStorageExportsFilePath, "~/Library/Application Support/Lumenforge/exports"),
+        OBJECT(kQuillClusterStorageSubPath, "shared"),
+        OBJECT(kQuillClusterSubexpSubPath, "subexp"),
+        OBJECT(kQuillSpooledJobsSubPath, "jobs"),
+        OBJECT(kQuillJobResultsSubPath, "shared/results"),
+        OBJECT(kQuillLocalClusterStoragePath, "/tmp/corvane"),
+        OBJECT(kQuillClusterJobCacheFilePath, "~/Library/Application Support/Lumenforge/jobcontroller:com.tessaly.corvane.cluster.jobcache.db"),
+        OBJECT(kQuillClusterJobCacheUserFilePath, "~/Library/Application Support/Lumenforge/jobcontroller:com.tessaly.lumenforge.cluster.jobcache.db"),
+        OBJECT(kQuillCaptraConverterJobCacheFilePath, "~/Library/Application Support/Lumenforge/com.tessaly.lumenforge.LXCaptionSubtitleProcessor.jobcache.db"),
+        BYTES(kQuillFrameworksInstallPath, "/TessalyInternal/Library/EmbeddedFrameworks/Kelvra/Frameworks/"),
+        BYTES(kLoopbackAddress, "127.0.0.1"),
+        OBJECT(kEmptyString, ""),
+        BYTES(kClusterAdminServiceKind, "jobcontroller:com.tessaly.corvane.cluster.admin"),
+        OBJECT(kClusterServiceKind, "jobcontroller:com.tessaly.corvane.cluster.admin"),
+        BYTES(kClusterUserServiceKind, "jobcontroller:com.tessaly.corvane.cluster.user"),
+        BYTES(kContentControllerServiceKind, "requestprocessor:com.tessaly.corvane.contentcontroller"),
+        BYTES(kExecutorServiceKind, "servicecontroller:com.tessaly.corvane.executor"),
+        BYTES(kTranscoderServiceKind, "servicecontroller:com.tessaly.tolva.transcoderx"),
+        BYTES(kContentAgentServiceKind, "contentcontroller:com.tessaly.corvane.contentagent"),
+        BYTES(kTolvaClusterAdminServiceKind, "jobcontroller:com.tessaly.lumenforge.cluster.admin"),
+        BYTES(kTolvaContentControllerServiceKind, "requestprocessor:com.tessaly.lumenforge.contentcontroller"),
+        BYTES(kTolvaTranscoderServiceKind, "servicecontroller:com.tessaly.tolva.transcoder.tolva"),
+        BYTES(kTolvaTranscoder32bitServiceKind, "servicecontroller:com.tessaly.tolva.transcoder32bit.tolva"),
+        BYTES(kClusterAdminServiceDesc, "Corvane Cluster Admin"),
+        OBJECT(kClusterServiceDesc, "Corvane Cluster Admin"),
+        OBJECT(kDictKeyAdd, "add"),
+        OBJECT(kDictKeyRemove, "remove"),
+        OBJECT(kDictKeyReplace, "replace"),
+        OBJECT(kDictKeyUpdate, "update"),
+        OBJECT(kDictKeyMerge, "merge"),
+        OBJECT(kDictKeyClear, "clear"),
+        OBJECT(kDictKeyKind, "kind"),
+        OBJECT(kDictKeySubkind, "subkind"),
+        OBJECT(kDictKeyName, "name"),
+        OBJECT(kDictKeyUniqueID, "uniqueID"),
+        OBJECT(kDictKeyUserID, "uid"),
+        OBJECT(kDictKeyProcessID, "pid"),
+        OBJECT(kDictKeyAccessKey, "akey"),
+        OBJECT(kDictKeyCaptureKey, "ckey"),
+        OBJECT(kDictKeyCapturePermKey, "cpkey"),
+        OBJECT(kDictKeyEnabled, "enabled"),
+        OBJECT(kDictKeyPrefs, "prefs"),
+        OBJECT(kDictKeyConfig, "config"),
+        OBJECT(kDictKeyLogging, "logging"),
+        OBJECT(kDictKeyDelay, "delay"),
+        OBJECT(kDictKeyHeadless, "headless"),
+        OBJECT(kDictKeyServiceType, "serviceType"),
+        OBJECT(kDictKeyServiceConfigEntry, "serviceConfigEntry"),
+        OBJECT(kDictKeyServiceInstance, "serviceInstance"),
+        OBJECT(kDictKeyServiceKind, "service"),
+        OBJECT(kDictKeyServiceList, "serviceList"),
+        OBJECT(kDictKeyCancelJobs, "cancelJobs"),
+        OBJECT(kDictKeyStorage, "storage"),
+        OBJECT(kDictKeyTaskPtr, "taskPtr"),
+    };
+    return rows;
+}
+
+TEST(QuillCorePrivate, EveryConstantHoldsItsText) {
+    for (const Row& row : table()) {
+        EXPECT_EQ(row.actual, row.expected) << row.name;
+        if (!row.object) continue;
+        EXPECT_STREQ(row.object->c_str(), row.expected.data()) << row.name;
+        // String objects are immortal: holders do not change their count.
+        std::int32_t before = row.object->retainCount();
+        {
+            auto first = PLHolder<const PLString>::retain(row.object);
+            auto second = first;
+        }
+        EXPECT_EQ(row.object->retainCount(), before) << row.name;
+    }
+    EXPECT_EQ(kQuillDaemonPortNumber, 2189);
+}
+
+TEST(QuillCorePrivate, TheFiveConfigurationFilesAreOneFile) {
+    for (PLStringRef path : {kServiceConfigFilePath, kServiceCacheFilePath, kHostPerfScoreFilePath, kRadHostsFilePath})
+        EXPECT_EQ(path->utf8(), std::string_view(kQuillConfigFilePath));
+}
+
+TEST(QuillCorePrivate, ClusterAdminKindInBothFormsMatchesTheSameKinds) {
+    auto fromBytes = PLString::create(kClusterAdminServiceKind);
+    EXPECT_TRUE(PLEqual(fromBytes.get(), kClusterServiceKind));
+
+    // A dictionary keyed by one form is found with the other.
+    auto byKind = PLMutableDictionary::create();
+    byKind->set(PLHolder<const PLObject>::retain(kClusterServiceKind), PLString::create("admin"));
+    EXPECT_NE(byKind->get(fromBytes.get()), nullptr);
+    EXPECT_NE(byKind->get(std::string_view(kClusterAdminServiceKind)), nullptr);
+    EXPECT_EQ(byKind->get(std::string_view(kClusterUserServiceKind)), nullptr);
+
+    EXPECT_EQ(kClusterServiceDesc->utf8(), std::string_view(kClusterAdminServiceDesc));
+}
+
+TEST(QuillCoreVersion, ExportedWithCLinkage) {
+    EXPECT_STREQ(QuillCoreVersionString, "@(#)PROGRAM:QuillCore  PROJECT:QuillCore-303\n");
+    EXPECT_EQ(QuillCoreVersionNumber, 303.0);
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, "QuillCoreVersionString"), static_cast<const void*>(QuillCoreVersionString));
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, "QuillCoreVersionNumber"), static_cast<const void*>(&QuillCoreVersionNumber));
+}
+
+}  // namespace

@@ -1,0 +1,77 @@
+#include <quillcore/util/CTimeStamp.h>
+
+#include <quillcore/platform/Host.h>
+
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <sstream>
+
+namespace {
+
+using quill::CTimeStamp;
+
+class CFixedClockHost final : public quill::platform::CHostWrapper {
+public:
+    explicit CFixedClockHost(double now) : _now(now) {}
+    PLAbsoluteTime currentTime() override { return _now; }
+
+private:
+    double _now;
+};
+
+// The expected texts below are for UTC unless a test picks another zone.
+class CTimeStampTest : public ::testing::Test {
+    quilltest::ScopedEnv _utc{"TZ", "UTC"};
+};
+
+// Seconds from 2001-01-01 to the start of `day`, in UTC.
+double secondsUntil(std::chrono::year_month_day day) {
+    using namespace std::chrono;
+    return static_cast<double>(duration_cast<seconds>(sys_days(day) - sys_days(year(2001) / January / 1)).count());
+}
+
+TEST_F(CTimeStampTest, FormatsMonthBeforeDayWithMilliseconds) {
+    CTimeStamp start(0.0);
+    EXPECT_EQ(start.seconds(), 0.0);
+    EXPECT_STREQ(start.text(), "01/01/2001 00:00:00.000");
+
+    CTimeStamp later(secondsUntil(std::chrono::year(2026) / 7 / 4) + 9 * 3600 + 5 * 60 + 5.25);
+    EXPECT_STREQ(later.text(), "07/04/2026 09:05:05.250");
+    EXPECT_EQ(std::strlen(later.text()), 23u);
+}
+
+TEST_F(CTimeStampTest, NegativeMeansNowFromTheHostClock) {
+    CFixedClockHost clock(secondsUntil(std::chrono::year(2030) / 2 / 28) + 59.5);
+    quill::platform::CScopedHost scope(clock);
+    CTimeStamp now(-1.0);
+    EXPECT_EQ(now.seconds(), clock.currentTime());
+    EXPECT_STREQ(now.text(), "02/28/2030 00:00:59.500");
+    EXPECT_STREQ(CTimeStamp(-0.001).text(), now.text());
+}
+
+TEST_F(CTimeStampTest, UsesTheZoneInForceAtConstruction) {
+    CTimeStamp utc(0.0);
+    quilltest::ScopedEnv tz("TZ", "America/New_York");
+    CTimeStamp newYork(0.0);
+    EXPECT_STREQ(newYork.text(), "12/31/2000 19:00:00.000");
+    EXPECT_STREQ(utc.text(), "01/01/2001 00:00:00.000");  // made earlier, unchanged
+}
+
+TEST_F(CTimeStampTest, YearsBeyondFourDigitsAreNotCut) {
+    CTimeStamp far(secondsUntil(std::chrono::year(12345) / 6 / 7) + 3600);
+    EXPECT_STREQ(far.text(), "06/07/12345 01:00:00.000");
+}
+
+TEST_F(CTimeStampTest, StreamsTextAndSeparator) {
+    CTimeStamp stamp(5.25);
+    CTimeStamp copy = stamp;
+    std::ostringstream out;
+    out << copy << "message";
+    EXPECT_EQ(out.str(), "01/01/2001 00:00:05.250: message");
+}
+
+}  // namespace

@@ -1,0 +1,125 @@
+// quillctl's reading verbs: plist lint / print / get, digest, version.
+#include "support/RunCommand.h"
+#include "support/TestSupport.h"
+
+#include <quillcore/platform/PLPropertyList.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using quilltest::runCommand;
+
+class QuillctlRead : public testing::Test {
+protected:
+    void SetUp() override {
+        _tool = quilltest::quillctlPath();
+        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
+        quilltest::writeFile(_dir / "doc.plist", R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0">
+<dict>
+	<key>corvaneservices</key>
+	<dict>
+		<key>servicecontroller:com.tessaly.corvane.executor</key>
+		<dict>
+			<key>Instances</key>
+			<integer>4</integer>
+		</dict>
+	</dict>
+	<key>list</key>
+	<array>
+		<string>a &amp; b</string>
+		<real>0.1</real>
+		<date>2026-11-22T09:30:00Z</date>
+		<data>AAEC/w==</data>
+		<false/>
+	</array>
+	<key>we.ird</key>
+	<string>dotted key</string>
+</dict>
+</plist>
+)");
+    }
+    quilltest::CommandResult run(std::vector<std::string> args) {
+        args.insert(args.begin(), _tool);
+        return runCommand(args);
+    }
+    std::string doc() const { return (_dir / "doc.plist").string(); }
+
+    std::string _tool;
+    quilltest::TempDir _dir;
+};
+
+TEST_F(QuillctlRead, LintReportsEachFileAndFailsOnAnyBadOne) {
+    quilltest::writeFile(_dir / "bad.plist", "<plist version=\"1.0\"><dict><key>a</key></dict></plist>");
+    auto r = run({"plist", "lint", doc()});
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.out, doc() + ": OK\n");
+
+    r = run({"plist", "lint", doc(), (_dir / "bad.plist").string(), (_dir / "missing").string()});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.out, doc() + ": OK\n");
+    EXPECT_NE(r.err.find("bad.plist: "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("missing: cannot open"), std::string::npos) << r.err;
+}
+
+TEST_F(QuillctlRead, PrintConvertsBinaryToTheSameXML) {
+    std::string error;
+    const std::string xml = quilltest::readFile(doc());
+    auto plist = PLPropertyListCreateFromBytes(xml.data(), xml.size(), PLMutability::Immutable, &error);
+    ASSERT_TRUE(plist) << error;
+    auto binary = PLPropertyListCreateBinaryData(plist.get());
+    ASSERT_TRUE(binary);
+    quilltest::writeFile(_dir / "doc.bplist", std::string(binary->view()));
+
+    auto fromXML = run({"plist", "print", doc()});
+    auto fromBinary = run({"plist", "print", (_dir / "doc.bplist").string()});
+    EXPECT_EQ(fromXML.exitCode, 0);
+    EXPECT_EQ(fromXML.out, xml);
+    EXPECT_EQ(fromBinary.out, xml);
+}
+
+TEST_F(QuillctlRead, GetFollowsKeyPathsThroughDictsArraysAndDottedKeys) {
+    EXPECT_EQ(run({"plist", "get", doc(), "corvaneservices.servicecontroller:com.tessaly.corvane.executor.Instances"}).out,
+              "4\n");
+    EXPECT_EQ(run({"plist", "get", doc(), "list.0"}).out, "a & b\n");
+    EXPECT_EQ(run({"plist", "get", doc(), "list.1"}).out, "0.1\n");
+    EXPECT_EQ(run({"plist", "get", doc(), "list.2"}).out, "2026-11-22T09:30:00Z\n");
+    EXPECT_EQ(run({"plist", "get", doc(), "list.3"}).out, "AAEC/w==\n");
+    EXPECT_EQ(run({"plist", "get", doc(), "list.4"}).out, "false\n");
+    EXPECT_EQ(run({"plist", "get", doc(), "we\\.ird"}).out, "dotted key\n");
+    auto container = run({"plist", "get", doc(), "corvaneservices"});
+    EXPECT_EQ(container.exitCode, 0);
+    EXPECT_EQ(container.out.rfind("<?xml", 0), 0u);
+
+    for (const char* bad : {"nokey", "list.9", "list.x", "list.0.deeper"}) {
+        auto r = run({"plist", "get", doc(), bad});
+        EXPECT_EQ(r.exitCode, 1) << bad;
+        EXPECT_TRUE(r.out.empty()) << bad;
+        EXPECT_EQ(r.err.rfind("quillctl: ", 0), 0u) << bad << ": " << r.err;
+    }
+}
+
+TEST_F(QuillctlRead, DigestMatchesMd5sumIncludingEscapedNames) {
+    const std::string odd = (_dir / "new\nline \\ name").string();
+    quilltest::writeFile(odd, "The quick brown fox jumps over the lazy dog");
+    auto r = run({"digest", doc(), odd});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    auto expected = runCommand({"md5sum", doc(), odd});
+    EXPECT_EQ(r.out, expected.out);
+
+    r = run({"digest", (_dir / "absent").string()});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.err.find("absent"), std::string::npos);
+}
+
+TEST_F(QuillctlRead, VersionAndUsage) {
+    auto r = run({"version"});
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.out, "@(#)PROGRAM:QuillCore  PROJECT:QuillCore-303\n303\n");
+    EXPECT_NE(run({}).exitCode, 0);
+    EXPECT_NE(run({"plist", "get", doc()}).exitCode, 0);
+    EXPECT_EQ(run({"plist", "get", "--help"}).exitCode, 0);
+}
+
+}  // namespace

@@ -1,0 +1,77 @@
+// quillctl run: the task classes from the command line.
+#include "support/NotificationBus.h"
+#include "support/RunCommand.h"
+
+#include <gtest/gtest.h>
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using quilltest::runCommand;
+
+class QuillctlRun : public testing::Test {
+protected:
+    void SetUp() override {
+        _tool = quilltest::quillctlPath();
+        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
+    }
+    quilltest::CommandResult run(std::vector<std::string> args) {
+        args.insert(args.begin(), {_tool, "run"});
+        return runCommand(args);
+    }
+
+    std::string _tool;
+};
+
+TEST_F(QuillctlRun, PassesOutputAndExitStatusThrough) {
+    auto r = run({"--", "/bin/sh", "-c", "echo out; echo err >&2; exit 3"});
+    EXPECT_EQ(r.exitCode, 3);
+    EXPECT_EQ(r.out, "out\n");
+    EXPECT_EQ(r.err, "err\n");
+
+    r = run({"echo", "-n", "searched in PATH"});
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.out, "searched in PATH");
+}
+
+TEST_F(QuillctlRun, KilledChildReportsTheSignalLikeAShell) {
+    EXPECT_EQ(run({"--", "/bin/sh", "-c", "kill -TERM $$"}).exitCode, 128 + 15);
+    EXPECT_EQ(run({"--", "/bin/sh", "-c", "kill -KILL $$"}).exitCode, 128 + 9);
+    // The same number as an exit code stays an exit code.
+    EXPECT_EQ(run({"--", "/bin/sh", "-c", "exit 15"}).exitCode, 15);
+}
+
+TEST_F(QuillctlRun, PtyJoinsErrorsIntoTheCapturedOutput) {
+    const auto r = run({"--pty", "--", "/bin/sh", "-c", "test -t 0 && echo tty; echo err >&2; exit 2"});
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_EQ(r.out, "tty\nerr\n");
+    EXPECT_EQ(r.err, "");
+}
+
+TEST_F(QuillctlRun, RunsAsAnotherUser) {
+    if (geteuid() != 0) GTEST_SKIP() << "changing user needs root; run the tests as root to cover it";
+    const passwd* nobody = getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr) << "the test needs the account 'nobody'";
+    quilltest::privateBusAddress();  // where the user task announces its end
+    const auto r = run({"--user", "nobody", "--", "/usr/bin/id", "-u"});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, std::to_string(nobody->pw_uid) + "\n");
+}
+
+TEST_F(QuillctlRun, RefusesWhatItCannotRun) {
+    auto r = run({"--user", "no-such-user-here", "--", "/bin/true"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.err, "quillctl: unknown user no-such-user-here\n");
+
+    r = run({"--", "no-such-program-here"});
+    EXPECT_EQ(r.exitCode, 127);
+    EXPECT_EQ(r.err, "quillctl: no-such-program-here: command not found\n");
+    EXPECT_EQ(run({"--", "/etc/passwd"}).exitCode, 126);
+}
+
+}  // namespace

@@ -1,0 +1,138 @@
+// quillctl's changing verbs: plist set / delete.
+#include "support/RunCommand.h"
+#include "support/TestSupport.h"
+
+#include <quillcore/platform/PLPropertyList.h>
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+namespace {
+
+using quilltest::readFile;
+using quilltest::writeFile;
+
+class QuillctlWrite : public testing::Test {
+protected:
+    void SetUp() override {
+        _tool = quilltest::quillctlPath();
+        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
+    }
+    quilltest::CommandResult run(std::vector<std::string> args) const {
+        args.insert(args.begin(), _tool);
+        return quilltest::runCommand(args);
+    }
+    quilltest::CommandResult set(const std::string& keyPath, const std::string& type, const std::string& value) const {
+        return run({"plist", "set", file(), keyPath, type, value});
+    }
+    std::string get(const std::string& keyPath) const { return run({"plist", "get", file(), keyPath}).out; }
+    std::string file() const { return (_dir / "config.plist").string(); }
+
+    std::string _tool;
+    quilltest::TempDir _dir;
+};
+
+TEST_F(QuillctlWrite, SetCreatesTheFileAndMissingDictionariesForEveryType) {
+    ASSERT_EQ(set("corvaneconfig.DaemonPort", "integer", "-9223372036854775808").exitCode, 0);
+    EXPECT_EQ(set("a.b.c", "string", "x & <y>").exitCode, 0);
+    EXPECT_EQ(set("r", "real", "0.1").exitCode, 0);
+    EXPECT_EQ(set("flag", "bool", "No").exitCode, 0);
+    EXPECT_EQ(set("when", "date", "2024-02-29 23:59:59").exitCode, 0);
+    EXPECT_EQ(set("bytes", "data", "AAEC/w").exitCode, 0);
+
+    EXPECT_EQ(get("corvaneconfig.DaemonPort"), "-9223372036854775808\n");
+    EXPECT_EQ(get("a.b.c"), "x & <y>\n");
+    EXPECT_EQ(get("r"), "0.1\n");
+    EXPECT_EQ(get("flag"), "false\n");
+    EXPECT_EQ(get("when"), "2024-02-29T23:59:59Z\n");
+    EXPECT_EQ(get("bytes"), "AAEC/w==\n");
+
+    // Existing dotted keys match as a whole; arrays take an index, their
+    // length appends.
+    writeFile(file(), R"(<plist version="1.0"><dict><key>svc</key><dict><key>role:com.x.y</key><dict/></dict>
+        <key>list</key><array><integer>1</integer></array></dict></plist>)");
+    EXPECT_EQ(set("svc.role:com.x.y.Instances", "integer", "4").exitCode, 0);
+    EXPECT_EQ(get("svc.role:com\\.x\\.y.Instances"), "4\n");
+    EXPECT_EQ(set("list.1", "date", "2026-11-22T10:00:00Z").exitCode, 0);
+    EXPECT_EQ(set("list.0", "bool", "yes").exitCode, 0);
+    EXPECT_EQ(get("list.0"), "true\n");
+    EXPECT_EQ(get("list.1"), "2026-11-22T10:00:00Z\n");
+    EXPECT_EQ(set("list.3", "integer", "1").exitCode, 1);
+}
+
+TEST_F(QuillctlWrite, BadValuesAreRefusedBeforeTheFileIsTouched) {
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {"integer", "9223372036854775808"}, {"integer", "12x"},   {"integer", ""},
+        {"real", "1e999"},                  {"real", "one"},      {"bool", "maybe"},
+        {"date", "2026-02-29 10:00:00"},    {"date", "2026-11-22T10:00:00"},
+        {"date", "2026-11-22 24:00:00"},    {"data", "AA*="},     {"data", "A"},
+    };
+    for (const auto& [type, value] : bad) {
+        auto r = set("k", type, value);
+        EXPECT_EQ(r.exitCode, 1) << type << " " << value;
+        EXPECT_EQ(r.err.rfind("quillctl: bad " + type + " value \"" + value + "\": ", 0), 0u) << r.err;
+    }
+    EXPECT_FALSE(std::filesystem::exists(file()));
+    EXPECT_NE(set("k", "float", "1").exitCode, 0);
+}
+
+TEST_F(QuillctlWrite, DeleteAndRefusalsLeaveTheFileAsItWas) {
+    ASSERT_EQ(set("keep", "string", "x").exitCode, 0);
+    ASSERT_EQ(set("a.gone", "integer", "1").exitCode, 0);
+    EXPECT_EQ(run({"plist", "delete", file(), "a.gone"}).exitCode, 0);
+    EXPECT_NE(get("a").find("<dict/>"), std::string::npos) << "only the key goes, not its dictionary";
+    EXPECT_EQ(run({"plist", "get", file(), "a.gone"}).exitCode, 1);
+    EXPECT_EQ(get("keep"), "x\n");
+
+    auto r = run({"plist", "delete", file(), "a.gone"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.err, "quillctl: " + file() + ": no key \"gone\" in a\n");
+    r = run({"plist", "delete", (_dir / "absent").string(), "x"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_FALSE(std::filesystem::exists(_dir / "absent"));
+
+    const std::string broken = "<plist version=\"1.0\"><dict><key>x</key>";
+    writeFile(file(), broken);
+    for (auto args : {std::vector<std::string>{"plist", "set", file(), "x", "integer", "1"},
+                      std::vector<std::string>{"plist", "delete", file(), "x"}}) {
+        r = run(args);
+        EXPECT_EQ(r.exitCode, 1);
+        EXPECT_NE(r.err.find("PLPropertyListCreateFromXMLData() failed"), std::string::npos) << r.err;
+        EXPECT_EQ(readFile(file()), broken);
+    }
+}
+
+TEST_F(QuillctlWrite, ConcurrentSettersNeverLoseAChange) {
+    constexpr int kWriters = 8;
+    constexpr int kChanges = 25;
+    std::vector<std::thread> writers;
+    std::vector<int> failures(kWriters, 0);
+    for (int w = 0; w < kWriters; ++w) {
+        writers.emplace_back([&, w] {
+            for (int i = 0; i < kChanges; ++i) {
+                const std::string key = "w" + std::to_string(w) + ".k" + std::to_string(i);
+                if (set(key, "integer", std::to_string(w * 100 + i)).exitCode != 0) ++failures[w];
+            }
+        });
+    }
+    for (auto& t : writers) t.join();
+
+    const std::string bytes = readFile(file());
+    auto plist = PLPropertyListCreateFromBytes(bytes.data(), bytes.size(), PLMutability::Immutable, nullptr);
+    const auto* top = PLDynamicCast<PLDictionary>(plist.get());
+    ASSERT_TRUE(top);
+    for (int w = 0; w < kWriters; ++w) {
+        EXPECT_EQ(failures[w], 0);
+        const auto* mine = PLDynamicCast<PLDictionary>(top->get("w" + std::to_string(w)));
+        ASSERT_TRUE(mine) << "writer " << w << " lost everything";
+        EXPECT_EQ(mine->count(), static_cast<size_t>(kChanges)) << "writer " << w;
+        for (int i = 0; i < kChanges; ++i) {
+            const auto* n = PLDynamicCast<PLNumber>(mine->get("k" + std::to_string(i)));
+            EXPECT_TRUE(n && n->int32Value() == w * 100 + i) << "w" << w << ".k" << i;
+        }
+    }
+}
+
+}  // namespace

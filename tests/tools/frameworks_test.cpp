@@ -1,0 +1,89 @@
+// The installed framework layout and the verbs that depend on it: quillctl
+// frameworks, config update and perfscore.
+#include "support/RunCommand.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+using quilltest::readFile;
+using quilltest::runCommand;
+using quilltest::ScopedEnv;
+using quilltest::TempDir;
+
+// Drops the time stamps that begin the updater's lines.
+std::string withoutStamps(const std::string& text) {
+    return std::regex_replace(text, std::regex(R"((^|\n)\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3}: )"), "$1");
+}
+
+TEST(Frameworks, TheInstalledLibraryFindsItsFrameworkAndTheMasterDefaults) {
+    const char* build = std::getenv("QUILL_TEST_BUILD_DIR");
+    const char* cmake = std::getenv("QUILL_TEST_CMAKE");
+    if (!build || !cmake) GTEST_SKIP() << "QUILL_TEST_BUILD_DIR or QUILL_TEST_CMAKE is not set";
+    TempDir prefix("prefix");
+    const auto install = runCommand({cmake, "--install", build, "--prefix", prefix.str()});
+    ASSERT_EQ(install.exitCode, 0) << install.out << install.err;
+
+    // Programs load the library from lib/, which leads into the framework.
+    const fs::path frameworks = fs::canonical(prefix / "lib/corvane/Frameworks");
+    const fs::path corvane = frameworks / "Corvane.framework";
+    const fs::path bundle = corvane / "Versions/A/Frameworks/QuillCore.framework";
+    EXPECT_EQ(fs::canonical(prefix / "lib/libquillcore.so").parent_path(), bundle);
+    EXPECT_NE(readFile(bundle / "Info.plist").find("<string>com.tessaly.corvane.QuillCore</string>"), std::string::npos);
+
+    const std::string tool = (prefix / "bin/quillctl").string();
+    auto r = runCommand({tool, "frameworks"});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, "Corvane.framework: " + corvane.string() + "\nLumenforge.framework: " +
+                         (frameworks / "Lumenforge.framework").string() + "\n");
+
+    TempDir home("home");
+    const fs::path user = home / "Library/Application Support/Lumenforge/LumenforgeConfig.plist";
+    fs::create_directories(user.parent_path());
+    ScopedEnv homeEnv("HOME", home.str());
+    r = runCommand({tool, "config", "update"});
+    EXPECT_EQ(withoutStamps(r.out), "Corvane daemon needs to copy the lumenforge config file " + user.string() + "\n");
+    EXPECT_EQ(readFile(user), readFile(corvane / "Resources/LumenforgeConfig.plist.default"));
+}
+
+class QuillctlFrameworks : public testing::Test {
+protected:
+    void SetUp() override {
+        _tool = quilltest::quillctlPath();
+        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
+    }
+    std::string _tool;
+    TempDir _dir;
+};
+
+TEST_F(QuillctlFrameworks, TheBuildTreeHasNoFrameworks) {
+    const auto r = runCommand({_tool, "frameworks"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.err.find("Corvane.framework not found"), std::string::npos) << r.err;
+}
+
+TEST_F(QuillctlFrameworks, PerfScoreMultipliesTheConfiguredFactor) {
+    const fs::path file = _dir / "config.plist";
+    quilltest::writeFile(file, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                               "<key>hostperfscore</key><dict><key>CPUTypes</key><dict>"
+                               "<key>Current</key><string>Intel Core 2</string>"
+                               "<key>Intel Core 2</key><real>1.5</real></dict></dict>\n</dict>\n</plist>\n");
+    const auto r = runCommand({_tool, "perfscore", "--file", file.string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(r.out, m, std::regex(R"(processors: (-?\d+)\nclock speed: ([0-9.]+) GHz\n)")))
+        << r.out;
+    const double product = std::stoi(m[1]) * std::stod(m[2]) * 1.5;
+    ASSERT_TRUE(std::regex_search(r.out, m, std::regex(R"(cpu type: Intel Core 2\ntype factor: 1.5\nscore: (-?[0-9.]+)\n)")))
+        << r.out;
+    EXPECT_NEAR(std::stod(m[1]), product, 1e-5);
+}
+
+}  // namespace

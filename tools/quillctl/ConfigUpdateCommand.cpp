@@ -1,0 +1,42 @@
+// quillctl config update
+#include "Commands.h"
+
+#include <quillcore/plist/QuillConfigUpdater.h>
+
+#include <iostream>
+
+namespace quillctl {
+
+namespace {
+
+// The "config" group may be registered by another source file (it sorts
+// before this one); this verb joins it, or starts it.
+CLI::App* configGroup(CLI::App& app) {
+    try {
+        return app.get_subcommand("config");
+    } catch (const CLI::OptionNotFound&) {
+        CLI::App* config = app.add_subcommand("config", "Show and change the cluster configuration under HOME");
+        config->require_subcommand(1);
+        return config;
+    }
+}
+
+void addConfigUpdateCommand(CLI::App& app) {
+    CLI::App* updateCmd = configGroup(app)->add_subcommand(
+        "update", "Copy or merge the framework's master defaults into the configuration file under HOME");
+    updateCmd->footer(
+        "Runs the daemon's start-up update: without a usable configuration file the master defaults are\n"
+        "copied; when the master's Version is newer they are merged, keeping the settings the user changed.\n"
+        "Progress lines go to standard output; failures are reported there too, and the status is still 0.");
+    setAction(updateCmd, [] {
+        quill::QuillConfigUpdater updater(std::cout);
+        updater.run();
+        return 0;
+    });
+}
+
+}  // namespace
+
+QUILLCTL_COMMANDS(addConfigUpdateCommand);
+
+}  // namespace quillctl

@@ -5,8 +5,9 @@
 // parsing it, so a factory in pooled mode packs immutable values into blocks
 // of kPLSlabSize bytes, aligned to their size: a value finds its block by
 // masking its own address, and each block counts the values still living in
-// it (atomically, since values may be released on any thread) and returns to
-// the heap when the last one goes. The price is that one surviving value
+// it (atomically, since values may be released on any thread); when the last
+// one goes the block returns to a small process-wide pool of empty blocks
+// (see PLObject.cpp) or to the heap. The price is that one surviving value
 // keeps its whole block, which is why readers pool only documents of some
 // size.
 #pragma once

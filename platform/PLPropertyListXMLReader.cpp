@@ -152,7 +152,6 @@ private:
         }
         _textSize = 0;
         _inLeaf = false;
-        _early.reset();
         _failed = false;
         _error.clear();
         _result.reset();
@@ -218,7 +217,7 @@ private:
     static void XMLCALL onText(void* self, const XML_Char* s, int len) {
         auto* reader = static_cast<XMLReader*>(self);
         if (reader->_inLeaf) {
-            reader->leafChunk(s, static_cast<std::size_t>(len));
+            reader->appendText(s, static_cast<std::size_t>(len));
             return;
         }
         for (int i = 0; i < len; ++i) {
@@ -254,7 +253,6 @@ private:
         }
         _inLeaf = true;
         _leaf = kind;
-        _leafTakesText = kind == Element::Key || (kind == Element::String && !_mutableLeaves);
         _textSize = 0;
     }
 
@@ -285,21 +283,6 @@ private:
 
     std::string_view keyAt(std::size_t slot) const {
         return static_cast<const PLString*>(_values[slot].get())->utf8();
-    }
-
-    // Text of a leaf. Most leaves get theirs in one piece, so a string is made
-    // from the first piece straight away, and taken apart again only if more
-    // pieces follow.
-    void leafChunk(const char* s, std::size_t len) {
-        if (_textSize == 0 && !_early && _leafTakesText) {
-            _early = _factory->string(std::string_view(s, len));
-            return;
-        }
-        if (_early) {
-            appendText(_early->c_str(), _early->size());
-            _early.reset();
-        }
-        appendText(s, len);
     }
 
     void appendText(const char* s, std::size_t len) {
@@ -372,10 +355,9 @@ private:
 
     PLHolder<const PLObject> makeLeaf() {
         switch (_leaf) {
-            case Element::Key:
+            case Element::Key: return _factory->string(leafText());
             case Element::String:
-                if (_early) return std::move(_early);
-                if (_mutableLeaves && _leaf == Element::String) return PLMutableString::create(leafText());
+                if (_mutableLeaves) return PLMutableString::create(leafText());
                 return _factory->string(leafText());
             case Element::Integer: return makeInteger();
             case Element::Real: return makeReal();
@@ -410,7 +392,10 @@ private:
             std::int64_t value = 0;
             bool digitsOnly = true;
             for (const char c : digits) {
-                digitsOnly = digitsOnly && c >= '0' && c <= '9';
+                if (c < '0' || c > '9') {
+                    digitsOnly = false;
+                    break;
+                }
                 value = value * 10 + (c - '0');
             }
             if (digitsOnly) return _factory->integer(negative ? -value : value);
@@ -564,8 +549,6 @@ private:
     std::size_t _textCapacity = 0;
     Element _leaf = Element::Unknown;
     bool _inLeaf = false;
-    bool _leafTakesText = false;  // the leaf is a key or an immutable string
-    PLHolder<const PLString> _early;  // its string, made from its first piece of text
     bool _failed = false;
     std::string _error;
     PLHolder<const PLObject> _result;

@@ -320,6 +320,7 @@ TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
         "<plist version=\"1.0\"><dict>\n"
         " <key>hex</key><integer> 0x1F </integer>\n"
         " <key>min</key><integer>-9223372036854775808</integer>\n"
+        " <key>long</key><integer>-999999999999999999</integer>\n"
         " <key>plus</key><!-- between --><?note x?><integer>+42</integer>\n"
         " <key>reals</key><array><real>+infinity</real><real>-INF</real><real>NaN</real><real>1e3</real>"
         "<real> .5 </real></array>\n"
@@ -342,6 +343,7 @@ TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
     EXPECT_EQ(number("min")->int64Value(), std::numeric_limits<std::int64_t>::min());
     EXPECT_EQ(number("min")->numberType(), PLNumberType::SInt64);
     EXPECT_EQ(number("plus")->int32Value(), 42);
+    EXPECT_EQ(number("long")->int64Value(), -999999999999999999);
     const auto* reals = static_cast<const PLArray*>(d->get("reals"));
     EXPECT_EQ(static_cast<const PLNumber*>(reals->at(0))->doubleValue(), INFINITY);
     EXPECT_EQ(static_cast<const PLNumber*>(reals->at(1))->doubleValue(), -INFINITY);
@@ -356,7 +358,7 @@ TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
                             "A");
     EXPECT_EQ(text("dup"), "second");
     EXPECT_EQ(text("empty"), "");
-    EXPECT_EQ(d->count(), 11u);
+    EXPECT_EQ(d->count(), 12u);
 }
 
 TEST(PLPropertyListReader, RefusesMalformedXMLSayingWhatAndWhere) {
@@ -377,6 +379,10 @@ TEST(PLPropertyListReader, RefusesMalformedXMLSayingWhatAndWhere) {
     expectRefused("<plist><integer>0x8000000000000000</integer></plist>", "integer out of the 64-bit range");
     expectRefused("<plist><integer>12abc</integer></plist>", "invalid integer \"12abc\"");
     expectRefused("<plist><integer></integer></plist>", "invalid integer");
+    // Regression: eighteen bytes that are not digits once overflowed the
+    // short-number path.
+    expectRefused("<plist><integer>\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9</integer></plist>",
+                  "invalid integer");
     expectRefused("<plist><real>1e400</real></plist>", "real out of range");
     expectRefused("<plist><real>1.2.3</real></plist>", "invalid real");
     expectRefused("<plist><date>2026-13-01T00:00:00Z</date></plist>", "a field is out of range");

@@ -1,0 +1,147 @@
+// The exported notification functions, over an in-process centre: the names,
+// the status payload, the sender each function uses and what each removal
+// removes.
+
+#include <quillcore/control/QuillNotification.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/RunLoop.h>
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <unistd.h>
+
+namespace {
+
+using namespace quill::platform;
+namespace qn = quill::QuillNotification;
+
+PLHolder<const PLString> str(std::string_view s) { return PLString::create(s); }
+
+struct Delivery {
+    std::string name;
+    PLHolder<const PLString> sender;
+    PLHolder<const PLDictionary> userInfo;
+};
+
+struct Inbox {
+    std::vector<Delivery> got;
+};
+
+void collect(PLNotificationCenterRef, void* observer, PLStringRef name, PLStringRef sender, PLDictionaryRef info) {
+    static_cast<Inbox*>(observer)->got.push_back(
+        {name->str(), PLHolder<const PLString>::retain(sender), PLHolder<const PLDictionary>::retain(info)});
+}
+
+class QuillNotificationTest : public testing::Test {
+protected:
+    CNotificationCenter center{makeLoopbackNotificationTransport()};
+    CScopedNotificationCenter installed{center};
+    void settle() { CRunLoop::current().runFor(0.0); }
+};
+
+TEST(QuillNotificationNames, KeepTheirSuffixAndTheConfusablePairs) {
+    EXPECT_EQ(qn::kQuillAppStoppingNotification->str(), "CorvaneAppTerminatedNotification2");
+    EXPECT_EQ(qn::kQuillAppTerminateNotification->str(), "CorvaneAppTerminateNotification2");
+    EXPECT_EQ(qn::kQuillSetSystemWideSalveeParams->str(), "CorvaneSetSystemWideSalveeParams2");
+    EXPECT_EQ(qn::kQuillDaemonID->str(), "com.tessaly.corvane.corvaned");
+    EXPECT_EQ(qn::kPrefPaneBundleID->str(), "com.tessaly.corvane.prefpane");
+    EXPECT_EQ(qn::kPrefExternalID->str(), "com.tessaly.corvane.prefexternal");
+    // Compile-time constants: immortal.
+    EXPECT_EQ(qn::kQuillStatusNotification->retainCount(), std::numeric_limits<std::int32_t>::max());
+}
+
+TEST_F(QuillNotificationTest, ErrorWithoutSenderOrMessageCarriesEmptyTextsAndNoUserInfo) {
+    Inbox inbox;
+    registerForNotification(&inbox, &collect, qn::kQuillStatusNotification, nullptr);
+    sendErrorNotification(qn::kQuillStatusNotification, nullptr, nullptr, nullptr);
+    settle();
+    ASSERT_EQ(inbox.got.size(), 1u);
+    const Delivery& d = inbox.got[0];
+    EXPECT_EQ(d.sender, nullptr);
+    ASSERT_NE(d.userInfo, nullptr);
+    EXPECT_EQ(d.userInfo->count(), 5u);
+    EXPECT_EQ(PLDynamicCast<PLString>(d.userInfo->get("type"))->str(), "error");
+    EXPECT_EQ(PLDynamicCast<PLString>(d.userInfo->get("from"))->str(), "");
+    EXPECT_EQ(PLDynamicCast<PLString>(d.userInfo->get("message"))->str(), "");
+    EXPECT_EQ(PLDynamicCast<PLNumber>(d.userInfo->get("pid"))->int32Value(), getpid());
+    EXPECT_FALSE(PLDynamicCast<PLNumber>(d.userInfo->get("pid"))->isFloat());
+    EXPECT_FALSE(d.userInfo->contains(PLString::create("userInfo").get()));
+    const std::string time = PLDynamicCast<PLString>(d.userInfo->get("time"))->str();
+    EXPECT_TRUE(std::regex_match(time, std::regex(R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3})"))) << time;
+}
+
+// A host whose clock stands still, so the time text can be checked exactly.
+class FixedClockHost final : public CHostWrapper {
+public:
+    PLAbsoluteTime currentTime() override { return 86400.0 * 31 + 3600 * 13 + 60 * 5 + 7.25; }
+};
+
+TEST_F(QuillNotificationTest, StatusAndWarningCarrySenderMessageTimeAndExtraValue) {
+    FixedClockHost clock;
+    CScopedHost host(clock);
+    Inbox inbox;
+    registerForNotification(&inbox, &collect, nullptr, nullptr);
+    auto extra = PLMutableArray::create();
+    extra->append(str("detail"));
+    sendStatusNotification(str("S").get(), qn::kQuillAppID, str("hello").get(), extra.get());
+    sendWarningNotification(str("W").get(), str("").get(), nullptr, nullptr);
+    settle();
+    ASSERT_EQ(inbox.got.size(), 2u);
+    const PLDictionary* status = inbox.got[0].userInfo.get();
+    EXPECT_EQ(inbox.got[0].sender->str(), "com.tessaly.corvane.app");
+    EXPECT_EQ(PLDynamicCast<PLString>(status->get("time"))->str(), "02/01/2001 13:05:07.250");
+    EXPECT_EQ(PLDynamicCast<PLString>(status->get("type"))->str(), "status");
+    EXPECT_EQ(PLDynamicCast<PLString>(status->get("from"))->str(), "com.tessaly.corvane.app");
+    EXPECT_EQ(PLDynamicCast<PLString>(status->get("message"))->str(), "hello");
+    EXPECT_TRUE(PLEqual(status->get("userInfo"), extra.get()));
+
+    EXPECT_EQ(PLDynamicCast<PLString>(inbox.got[1].userInfo->get("type"))->str(), "warning");
+    ASSERT_NE(inbox.got[1].sender, nullptr);
+    EXPECT_EQ(inbox.got[1].sender->str(), "");
+}
+
+TEST_F(QuillNotificationTest, SignalFunctionsPostOppositeSenders) {
+    Inbox fromPane, fromDaemon;
+    addPrefsPaneObserver(&fromPane, &collect, str("N").get());
+    addDaemonObserver(&fromDaemon, &collect, str("N").get());
+    signalDaemon(str("N").get(), nullptr);
+    signalPrefsPane(str("N").get(), nullptr);
+    signalFrom(str("N").get(), qn::kQuillDaemonID, nullptr);
+    settle();
+    ASSERT_EQ(fromPane.got.size(), 1u);
+    EXPECT_EQ(fromPane.got[0].sender->str(), "com.tessaly.corvane.prefpane");
+    ASSERT_EQ(fromDaemon.got.size(), 2u);
+    EXPECT_EQ(fromDaemon.got[0].sender->str(), "com.tessaly.corvane.corvaned");
+}
+
+TEST_F(QuillNotificationTest, EachRemovalRemovesOnlyWhatItNames) {
+    Inbox inbox;
+    auto post = [&] {
+        for (PLStringRef sender : {qn::kQuillDaemonID, qn::kPrefPaneBundleID, qn::kQuillAppID})
+            sendNotification(str("N").get(), sender, nullptr);
+        settle();
+        std::vector<std::string> senders;
+        for (const Delivery& d : inbox.got) senders.push_back(d.sender->str());
+        inbox.got.clear();
+        return senders;
+    };
+    addDaemonObserver(&inbox, &collect, str("N").get());
+    addPrefsPaneObserver(&inbox, &collect, str("N").get());
+    addObserver(&inbox, &collect, str("N").get(), qn::kQuillAppID);
+
+    removeDaemonObserver(&inbox);
+    EXPECT_EQ(post(), (std::vector<std::string>{"com.tessaly.corvane.prefpane", "com.tessaly.corvane.app"}));
+    removePrefsPaneObserver(&inbox);
+    EXPECT_EQ(post(), (std::vector<std::string>{"com.tessaly.corvane.app"}));
+    removeObserver(&inbox, qn::kQuillAppID);
+    EXPECT_TRUE(post().empty());
+
+    addDaemonObserver(&inbox, &collect, str("N").get());
+    addObserver(&inbox, &collect, nullptr, nullptr);
+    unregisterForNotifications(&inbox);
+    EXPECT_TRUE(post().empty());
+    EXPECT_EQ(center.registrationCount(), 0u);
+}
+
+}  // namespace

@@ -26,6 +26,10 @@ struct CommandGroup {
 };
 void addRegisteredCommands(CLI::App& app);
 
+// The subcommand `name` of `app`, made (requiring a verb of its own) when no
+// group registered it before; for verb groups spread over several files.
+CLI::App* commandGroup(CLI::App& app, const std::string& name, const std::string& description);
+
 #define QUILLCTL_COMMANDS(function) \
     static const ::quillctl::CommandGroup quillctlGroup_##function{#function, &function}
 

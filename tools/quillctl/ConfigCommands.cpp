@@ -208,16 +208,8 @@ int set(const std::string& key, const std::string& text) {
     return 0;
 }
 
-// Other verbs of the "config" group live in other source files; whichever
-// registers first starts the group.
 CLI::App* configGroup(CLI::App& app) {
-    try {
-        return app.get_subcommand("config");
-    } catch (const CLI::OptionNotFound&) {
-        CLI::App* config = app.add_subcommand("config", "Show and change the cluster configuration under HOME");
-        config->require_subcommand(1);
-        return config;
-    }
+    return commandGroup(app, "config", "Show and change the cluster configuration under HOME");
 }
 
 void addConfigCommands(CLI::App& app) {

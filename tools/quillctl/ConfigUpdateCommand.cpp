@@ -9,16 +9,8 @@ namespace quillctl {
 
 namespace {
 
-// The "config" group may be registered by another source file (it sorts
-// before this one); this verb joins it, or starts it.
 CLI::App* configGroup(CLI::App& app) {
-    try {
-        return app.get_subcommand("config");
-    } catch (const CLI::OptionNotFound&) {
-        CLI::App* config = app.add_subcommand("config", "Show and change the cluster configuration under HOME");
-        config->require_subcommand(1);
-        return config;
-    }
+    return commandGroup(app, "config", "Show and change the cluster configuration under HOME");
 }
 
 void addConfigUpdateCommand(CLI::App& app) {

@@ -25,6 +25,16 @@ void addRegisteredCommands(CLI::App& app) {
     for (const auto& [name, registrar] : groups()) registrar(app);
 }
 
+CLI::App* commandGroup(CLI::App& app, const std::string& name, const std::string& description) {
+    try {
+        return app.get_subcommand(name);
+    } catch (const CLI::OptionNotFound&) {
+        CLI::App* group = app.add_subcommand(name, description);
+        group->require_subcommand(1);
+        return group;
+    }
+}
+
 void setAction(CLI::App* verb, Action action) { actions()[verb] = std::move(action); }
 
 void printError(const std::string& message) {

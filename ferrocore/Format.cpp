@@ -10,8 +10,8 @@ namespace ferrocore {
 
 namespace {
 
-// One parsed conversion specification.
-struct Spec {
+// One parsed printf conversion.
+struct Conversion {
     std::string flags;
     int width = -1;  // -1: none
     int precision = -1;
@@ -19,11 +19,11 @@ struct Spec {
     char conversion = 0;
 };
 
-// Appends snprintf(spec, value...) to out.
+// Appends snprintf(conversion, value...) to out.
 template <class... V>
-void appendPrintf(std::string& out, const std::string& spec, V... values) {
+void appendPrintf(std::string& out, const std::string& conversion, V... values) {
     char small[128];
-    int n = std::snprintf(small, sizeof(small), spec.c_str(), values...);
+    int n = std::snprintf(small, sizeof(small), conversion.c_str(), values...);
     if (n < 0) return;
     if (static_cast<std::size_t>(n) < sizeof(small)) {
         out.append(small, static_cast<std::size_t>(n));
@@ -31,21 +31,21 @@ void appendPrintf(std::string& out, const std::string& spec, V... values) {
     }
     std::size_t at = out.size();
     out.resize(at + static_cast<std::size_t>(n) + 1);
-    std::snprintf(out.data() + at, static_cast<std::size_t>(n) + 1, spec.c_str(), values...);
+    std::snprintf(out.data() + at, static_cast<std::size_t>(n) + 1, conversion.c_str(), values...);
     out.resize(at + static_cast<std::size_t>(n));
 }
 
 // "%" + flags + width + precision, without length and conversion.
-std::string specPrefix(const Spec& spec, bool dropSignFlags = false) {
+std::string conversionPrefix(const Conversion& conversion, bool dropSignFlags = false) {
     std::string s = "%";
-    for (char f : spec.flags) {
+    for (char f : conversion.flags) {
         if (dropSignFlags && (f == '+' || f == ' ')) continue;
         s += f;
     }
-    if (spec.width >= 0) s += std::to_string(spec.width);
-    if (spec.precision >= 0) {
+    if (conversion.width >= 0) s += std::to_string(conversion.width);
+    if (conversion.precision >= 0) {
         s += '.';
-        s += std::to_string(spec.precision);
+        s += std::to_string(conversion.precision);
     }
     return s;
 }
@@ -62,16 +62,16 @@ std::size_t lengthSize(const std::string& length) {
     return 0;
 }
 
-void appendText(std::string& out, const Spec& spec, std::string_view text) {
-    if (spec.width < 0 && spec.precision < 0) {
+void appendText(std::string& out, const Conversion& conversion, std::string_view text) {
+    if (conversion.width < 0 && conversion.precision < 0) {
         out.append(text);
         return;
     }
-    if (spec.precision >= 0 && static_cast<std::size_t>(spec.precision) < text.size())
-        text = text.substr(0, static_cast<std::size_t>(spec.precision));
-    std::size_t width = spec.width > 0 ? static_cast<std::size_t>(spec.width) : 0;
+    if (conversion.precision >= 0 && static_cast<std::size_t>(conversion.precision) < text.size())
+        text = text.substr(0, static_cast<std::size_t>(conversion.precision));
+    std::size_t width = conversion.width > 0 ? static_cast<std::size_t>(conversion.width) : 0;
     std::size_t pad = width > text.size() ? width - text.size() : 0;
-    bool left = spec.flags.find('-') != std::string::npos;
+    bool left = conversion.flags.find('-') != std::string::npos;
     if (!left) out.append(pad, ' ');
     out.append(text);
     if (left) out.append(pad, ' ');
@@ -99,32 +99,32 @@ std::string decimalText(const CFormatArgument& arg) {
     return arg.isNullText() ? std::string("(null)") : std::string(arg.text());
 }
 
-void appendSigned(std::string& out, const Spec& spec, const CFormatArgument& arg) {
+void appendSigned(std::string& out, const Conversion& conversion, const CFormatArgument& arg) {
     switch (arg.type()) {
     case CFormatArgument::Type::Signed:
-        appendPrintf(out, specPrefix(spec) + "lld", arg.signedValue());
+        appendPrintf(out, conversionPrefix(conversion) + "lld", arg.signedValue());
         return;
     case CFormatArgument::Type::Unsigned:
-        appendPrintf(out, specPrefix(spec, true) + "llu", arg.unsignedValue());
+        appendPrintf(out, conversionPrefix(conversion, true) + "llu", arg.unsignedValue());
         return;
     case CFormatArgument::Type::Floating:
-        appendPrintf(out, specPrefix(spec) + "lld", static_cast<long long>(arg.floatingValue()));
+        appendPrintf(out, conversionPrefix(conversion) + "lld", static_cast<long long>(arg.floatingValue()));
         return;
     case CFormatArgument::Type::Pointer:
-        appendPrintf(out, specPrefix(spec) + "lld",
+        appendPrintf(out, conversionPrefix(conversion) + "lld",
                      static_cast<long long>(reinterpret_cast<std::uintptr_t>(arg.pointerValue())));
         return;
     case CFormatArgument::Type::Text:
-        appendText(out, Spec{spec.flags, spec.width, -1, {}, 's'}, decimalText(arg));
+        appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
         return;
     }
 }
 
-void appendUnsigned(std::string& out, const Spec& spec, const CFormatArgument& arg) {
+void appendUnsigned(std::string& out, const Conversion& conversion, const CFormatArgument& arg) {
     unsigned long long value = 0;
     switch (arg.type()) {
     case CFormatArgument::Type::Signed: {
-        std::size_t size = lengthSize(spec.length);
+        std::size_t size = lengthSize(conversion.length);
         if (size == 0) size = arg.integerSize();
         value = static_cast<unsigned long long>(arg.signedValue());
         if (arg.signedValue() < 0 && size < sizeof(unsigned long long))
@@ -141,13 +141,13 @@ void appendUnsigned(std::string& out, const Spec& spec, const CFormatArgument& a
         value = reinterpret_cast<std::uintptr_t>(arg.pointerValue());
         break;
     case CFormatArgument::Type::Text:
-        appendText(out, Spec{spec.flags, spec.width, -1, {}, 's'}, decimalText(arg));
+        appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
         return;
     }
-    appendPrintf(out, specPrefix(spec, true) + "ll" + spec.conversion, value);
+    appendPrintf(out, conversionPrefix(conversion, true) + "ll" + conversion.conversion, value);
 }
 
-void appendFloating(std::string& out, const Spec& spec, const CFormatArgument& arg) {
+void appendFloating(std::string& out, const Conversion& conversion, const CFormatArgument& arg) {
     double value = 0;
     switch (arg.type()) {
     case CFormatArgument::Type::Signed:
@@ -161,13 +161,13 @@ void appendFloating(std::string& out, const Spec& spec, const CFormatArgument& a
         break;
     case CFormatArgument::Type::Pointer:
     case CFormatArgument::Type::Text:
-        appendText(out, Spec{spec.flags, spec.width, -1, {}, 's'}, decimalText(arg));
+        appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
         return;
     }
-    appendPrintf(out, specPrefix(spec) + spec.conversion, value);
+    appendPrintf(out, conversionPrefix(conversion) + conversion.conversion, value);
 }
 
-void appendCharacter(std::string& out, const Spec& spec, const CFormatArgument& arg) {
+void appendCharacter(std::string& out, const Conversion& conversion, const CFormatArgument& arg) {
     unsigned long long value = 0;
     switch (arg.type()) {
     case CFormatArgument::Type::Signed:
@@ -181,15 +181,15 @@ void appendCharacter(std::string& out, const Spec& spec, const CFormatArgument& 
         break;
     case CFormatArgument::Type::Pointer:
     case CFormatArgument::Type::Text:
-        appendText(out, Spec{spec.flags, spec.width, -1, {}, 's'}, decimalText(arg));
+        appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
         return;
     }
     std::string text;
-    if (spec.length == "l")
+    if (conversion.length == "l")
         utf8::append(text, static_cast<char32_t>(value > 0x10FFFF ? 0xFFFD : value));
     else
         text += static_cast<char>(static_cast<unsigned char>(value));
-    appendText(out, Spec{spec.flags, spec.width, -1, {}, 's'}, text);
+    appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, text);
 }
 
 bool isFlag(char c) { return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0' || c == '\''; }
@@ -216,7 +216,7 @@ std::string formatStringWithArguments(std::string_view format, const CFormatArgu
             continue;
         }
 
-        Spec spec;
+        Conversion conversion;
         bool missing = false;
         // Takes the next argument as an int for "*".
         auto starValue = [&](int& into) {
@@ -232,45 +232,45 @@ std::string formatStringWithArguments(std::string_view format, const CFormatArgu
             else
                 into = 0;
         };
-        while (p < format.size() && isFlag(format[p])) spec.flags += format[p++];
+        while (p < format.size() && isFlag(format[p])) conversion.flags += format[p++];
         if (p < format.size() && format[p] == '*') {
             ++p;
             int w = 0;
             starValue(w);
             if (w < 0) {
-                spec.flags += '-';
+                conversion.flags += '-';
                 w = -w;
             }
-            spec.width = w;
+            conversion.width = w;
         } else if (p < format.size() && isDigit(format[p])) {
-            spec.width = 0;
-            while (p < format.size() && isDigit(format[p]) && spec.width < 100000)
-                spec.width = spec.width * 10 + (format[p++] - '0');
+            conversion.width = 0;
+            while (p < format.size() && isDigit(format[p]) && conversion.width < 100000)
+                conversion.width = conversion.width * 10 + (format[p++] - '0');
         }
         if (p < format.size() && format[p] == '.') {
             ++p;
-            spec.precision = 0;
+            conversion.precision = 0;
             if (p < format.size() && format[p] == '*') {
                 ++p;
                 int pr = 0;
                 starValue(pr);
-                spec.precision = pr < 0 ? -1 : pr;
+                conversion.precision = pr < 0 ? -1 : pr;
             } else {
-                while (p < format.size() && isDigit(format[p]) && spec.precision < 100000)
-                    spec.precision = spec.precision * 10 + (format[p++] - '0');
+                while (p < format.size() && isDigit(format[p]) && conversion.precision < 100000)
+                    conversion.precision = conversion.precision * 10 + (format[p++] - '0');
             }
         }
         while (p < format.size() && std::string_view("hlLqjzZt").find(format[p]) != std::string_view::npos)
-            spec.length += format[p++];
+            conversion.length += format[p++];
         if (p >= format.size()) {
-            out.append(format.substr(percent));  // incomplete specification at the end
+            out.append(format.substr(percent));  // incomplete conversion at the end
             break;
         }
-        spec.conversion = format[p++];
+        conversion.conversion = format[p++];
         std::string_view written = format.substr(percent, p - percent);
         i = p;
 
-        const char c = spec.conversion;
+        const char c = conversion.conversion;
         const bool known = std::string_view("diouxXcspeEfFgGaAn@").find(c) != std::string_view::npos;
         if (!known) {
             out.append(written);
@@ -284,31 +284,31 @@ std::string formatStringWithArguments(std::string_view format, const CFormatArgu
         switch (c) {
         case 'd':
         case 'i':
-            appendSigned(out, spec, arg);
+            appendSigned(out, conversion, arg);
             break;
         case 'o':
         case 'u':
         case 'x':
         case 'X':
-            appendUnsigned(out, spec, arg);
+            appendUnsigned(out, conversion, arg);
             break;
         case 'c':
-            appendCharacter(out, spec, arg);
+            appendCharacter(out, conversion, arg);
             break;
         case 's':
         case '@':
-            appendText(out, spec, decimalText(arg));
+            appendText(out, conversion, decimalText(arg));
             break;
         case 'p':
             if (arg.type() == CFormatArgument::Type::Pointer)
-                appendPrintf(out, specPrefix(spec) + "p", arg.pointerValue());
+                appendPrintf(out, conversionPrefix(conversion) + "p", arg.pointerValue());
             else
-                appendText(out, spec, decimalText(arg));
+                appendText(out, conversion, decimalText(arg));
             break;
         case 'n':
             break;
         default:  // floating conversions
-            appendFloating(out, spec, arg);
+            appendFloating(out, conversion, arg);
             break;
         }
     }

@@ -16,12 +16,13 @@ echo "\$ quillctl plist get $sample corvaneconfig.DaemonPort"
 admin=jobcontroller:com.tessaly.lumenforge.cluster.admin
 echo "\$ quillctl plist get $sample serviceconfig.$admin._orderList"
 "$q" plist get "$sample" "serviceconfig.$admin._orderList"
-echo "\$ quillctl plist print $sample | head -n 12"
-"$q" plist print "$sample" | head -n 12
 # The record verbs read the configuration of the user's HOME: a throw-away
 # home holds the sample as its configuration file.
 demo_home=$(mktemp -d)
 trap 'rm -rf "$demo_home"' EXIT
+echo "\$ quillctl plist print $sample | head -n 12"
+"$q" plist print "$sample" > "$demo_home/printed.plist"
+head -n 12 "$demo_home/printed.plist"
 mkdir -p "$demo_home/Library/Application Support/Lumenforge"
 cp "$sample" "$demo_home/Library/Application Support/Lumenforge/LumenforgeConfig.plist"
 echo "\$ quillctl config show";          HOME="$demo_home" "$q" config show

@@ -84,6 +84,24 @@ std::string base64(const std::uint8_t* p, std::size_t n) {
     return out;
 }
 
+// The value of the longest run of components parts[i...] that, joined with
+// dots, names a key of `dict`; `used` and `key` tell which run. Null when none.
+const PLObject* longestKeyMatch(const PLDictionary* dict, const std::vector<std::string>& parts, std::size_t i,
+                                std::size_t& used, std::string& key) {
+    const PLObject* found = nullptr;
+    std::string candidate;
+    for (std::size_t j = i; j < parts.size(); ++j) {
+        if (j > i) candidate += '.';
+        candidate += parts[j];
+        if (const PLObject* v = dict->get(candidate)) {
+            found = v;
+            used = j - i + 1;
+            key = candidate;
+        }
+    }
+    return found;
+}
+
 }  // namespace
 
 const PLObject* resolveKeyPath(const PLObject* root, const std::string& keyPath, std::string* error) {
@@ -93,20 +111,9 @@ const PLObject* resolveKeyPath(const PLObject* root, const std::string& keyPath,
     std::size_t i = 0;
     while (i < parts.size()) {
         if (const PLDictionary* dict = PLDynamicCast<PLDictionary>(node)) {
-            // Longest run of components that names a key.
-            const PLObject* found = nullptr;
             std::size_t used = 0;
-            std::string candidate;
             std::string longest;
-            for (std::size_t j = i; j < parts.size(); ++j) {
-                if (j > i) candidate += '.';
-                candidate += parts[j];
-                if (const PLObject* v = dict->get(candidate)) {
-                    found = v;
-                    used = j - i + 1;
-                    longest = candidate;
-                }
-            }
+            const PLObject* found = longestKeyMatch(dict, parts, i, used, longest);
             if (!found) {
                 *error = "no key \"" + parts[i] + "\"" + (walked.empty() ? "" : " in " + walked);
                 return nullptr;
@@ -159,19 +166,9 @@ PLHolder<const PLObject> newBranch(const std::vector<std::string>& parts, std::s
 PLHolder<const PLObject> edited(const PLObject* node, const std::vector<std::string>& parts, std::size_t i,
                                 const PLObject* value, const std::string& walked, std::string* error) {
     if (const PLDictionary* dict = PLDynamicCast<PLDictionary>(node)) {
-        const PLObject* found = nullptr;
         std::size_t used = 0;
-        std::string candidate;
         std::string longest;
-        for (std::size_t j = i; j < parts.size(); ++j) {
-            if (j > i) candidate += '.';
-            candidate += parts[j];
-            if (const PLObject* v = dict->get(candidate)) {
-                found = v;
-                used = j - i + 1;
-                longest = candidate;
-            }
-        }
+        const PLObject* found = longestKeyMatch(dict, parts, i, used, longest);
         PLHolder<PLMutableDictionary> copy = PLDictionaryCreateMutableCopy(dict);
         if (!found) {
             if (!value) {

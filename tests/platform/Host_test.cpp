@@ -1,5 +1,6 @@
 #include <quillcore/platform/Host.h>
 
+#include "support/FixedClockHost.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -16,16 +17,8 @@ using quill::platform::CScopedHost;
 using quill::platform::defaultHost;
 using quill::platform::host;
 using quill::platform::SystemPath;
+using quilltest::CFixedClockHost;
 using quilltest::ScopedEnv;
-
-class CFixedClockHost final : public CHostWrapper {
-public:
-    explicit CFixedClockHost(double now) : _now(now) {}
-    PLAbsoluteTime currentTime() override { return _now; }
-
-private:
-    double _now;
-};
 
 TEST(HostSeam, SubstitutesNestAndWrappersForward) {
     CFixedClockHost outer(10.0), inner(20.0);

@@ -1,7 +1,7 @@
 // The installed framework layout and the verbs that depend on it: quillctl
 // frameworks, config update and perfscore.
-#include "support/RunCommand.h"
 #include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
 
 #include <gtest/gtest.h>
 
@@ -53,18 +53,13 @@ TEST(Frameworks, TheInstalledLibraryFindsItsFrameworkAndTheMasterDefaults) {
     EXPECT_EQ(readFile(user), readFile(corvane / "Resources/LumenforgeConfig.plist.default"));
 }
 
-class QuillctlFrameworks : public testing::Test {
+class QuillctlFrameworks : public quilltest::QuillctlTest {
 protected:
-    void SetUp() override {
-        _tool = quilltest::quillctlPath();
-        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
-    }
-    std::string _tool;
     TempDir _dir;
 };
 
 TEST_F(QuillctlFrameworks, TheBuildTreeHasNoFrameworks) {
-    const auto r = runCommand({_tool, "frameworks"});
+    const auto r = run({"frameworks"});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_NE(r.err.find("Corvane.framework not found"), std::string::npos) << r.err;
 }
@@ -75,7 +70,7 @@ TEST_F(QuillctlFrameworks, PerfScoreMultipliesTheConfiguredFactor) {
                                "<key>hostperfscore</key><dict><key>CPUTypes</key><dict>"
                                "<key>Current</key><string>Intel Core 2</string>"
                                "<key>Intel Core 2</key><real>1.5</real></dict></dict>\n</dict>\n</plist>\n");
-    const auto r = runCommand({_tool, "perfscore", "--file", file.string()});
+    const auto r = run({"perfscore", "--file", file.string()});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     std::smatch m;
     ASSERT_TRUE(std::regex_search(r.out, m, std::regex(R"(processors: (-?\d+)\nclock speed: ([0-9.]+) GHz\n)")))

@@ -1,7 +1,7 @@
 // quillctl notify post / watch, on the test program's private bus.
 #include "support/NotificationBus.h"
-#include "support/RunCommand.h"
 #include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
 
 #include <gtest/gtest.h>
 
@@ -11,8 +11,6 @@
 
 namespace {
 
-using quilltest::runCommand;
-
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
     std::istringstream in(text);
@@ -20,31 +18,29 @@ std::vector<std::string> lines(const std::string& text) {
     return out;
 }
 
-class QuillctlNotify : public testing::Test {
+class QuillctlNotify : public quilltest::QuillctlTest {
 protected:
     void SetUp() override {
-        _tool = quilltest::quillctlPath();
-        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
-        quilltest::privateBusAddress();
+        QuillctlTest::SetUp();
+        if (!IsSkipped()) quilltest::privateBusAddress();
     }
 
     // Posts with `args` until `watcher` has printed `count` lines, or a line
     // with `text` (or has ended).
     void postUntil(quilltest::PeerProcess& watcher, std::size_t count, const std::vector<std::string>& args,
                    const std::string& text = {}) {
-        std::vector<std::string> argv{_tool, "notify", "post"};
+        std::vector<std::string> argv{"notify", "post"};
         argv.insert(argv.end(), args.begin(), args.end());
         auto seen = [&] {
             const std::string out = watcher.output();
             return text.empty() ? lines(out).size() >= count : out.find(text) != std::string::npos;
         };
         for (int i = 0; i < 200 && !watcher.finished() && !seen(); ++i) {
-            quilltest::CommandResult posted = runCommand(argv);
+            quilltest::CommandResult posted = run(argv);
             ASSERT_EQ(posted.exitCode, 0) << posted.err;
         }
     }
 
-    std::string _tool;
     std::string _name = "test.quillctl." + std::to_string(getpid());
 };
 
@@ -60,7 +56,7 @@ TEST_F(QuillctlNotify, WatchPrintsOneCompactLinePerNotificationAndEndsOnCtrlC) {
 <key>d</key><data>AP8=</data>
 <key>t</key><date>2001-01-01T00:00:00Z</date>
 </dict></plist>)");
-    quilltest::CommandResult posted = runCommand({_tool, "notify", "post", _name, "--info", (dir / "info.plist")});
+    quilltest::CommandResult posted = run({"notify", "post", _name, "--info", dir / "info.plist"});
     ASSERT_EQ(posted.exitCode, 0) << posted.err;
     postUntil(watcher, 0, {"other-name"}, "say");  // not shown; gives the watcher time
 
@@ -77,7 +73,7 @@ TEST_F(QuillctlNotify, WatchPrintsOneCompactLinePerNotificationAndEndsOnCtrlC) {
 
 TEST_F(QuillctlNotify, WatchFiltersBySenderAndStopsAfterCount) {
     quilltest::PeerProcess watcher({"notify", "watch", "--sender", "", "--count", "2"}, _tool);
-    ASSERT_EQ(runCommand({_tool, "notify", "post", _name}).exitCode, 0);
+    ASSERT_EQ(run({"notify", "post", _name}).exitCode, 0);
     postUntil(watcher, 2, {_name, "--sender", ""});
     EXPECT_EQ(watcher.wait(), 0);
     auto got = lines(watcher.output());
@@ -89,10 +85,10 @@ TEST_F(QuillctlNotify, PostRefusesBadUserInformation) {
     quilltest::TempDir dir;
     quilltest::writeFile(dir / "array.plist",
                          R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)");
-    quilltest::CommandResult result = runCommand({_tool, "notify", "post", _name, "--info", (dir / "array.plist")});
+    quilltest::CommandResult result = run({"notify", "post", _name, "--info", dir / "array.plist"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_NE(result.err.find("must be a dictionary (found: array)"), std::string::npos) << result.err;
-    result = runCommand({_tool, "notify", "post", _name, "novalue"});
+    result = run({"notify", "post", _name, "novalue"});
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_NE(result.err.find("expected KEY=VALUE"), std::string::npos) << result.err;
 }

@@ -1,8 +1,7 @@
 // quillctl's changing verbs: plist set / delete.
-#include "support/RunCommand.h"
+#include "support/ConfigHome.h"
 #include "support/TestSupport.h"
-
-#include <quillcore/platform/PLPropertyList.h>
+#include "tools/QuillctlTest.h"
 
 #include <gtest/gtest.h>
 
@@ -14,23 +13,14 @@ namespace {
 using quilltest::readFile;
 using quilltest::writeFile;
 
-class QuillctlWrite : public testing::Test {
+class QuillctlWrite : public quilltest::QuillctlTest {
 protected:
-    void SetUp() override {
-        _tool = quilltest::quillctlPath();
-        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
-    }
-    quilltest::CommandResult run(std::vector<std::string> args) const {
-        args.insert(args.begin(), _tool);
-        return quilltest::runCommand(args);
-    }
     quilltest::CommandResult set(const std::string& keyPath, const std::string& type, const std::string& value) const {
         return run({"plist", "set", file(), keyPath, type, value});
     }
     std::string get(const std::string& keyPath) const { return run({"plist", "get", file(), keyPath}).out; }
     std::string file() const { return (_dir / "config.plist").string(); }
 
-    std::string _tool;
     quilltest::TempDir _dir;
 };
 
@@ -119,9 +109,7 @@ TEST_F(QuillctlWrite, ConcurrentSettersNeverLoseAChange) {
     }
     for (auto& t : writers) t.join();
 
-    const std::string bytes = readFile(file());
-    auto plist = PLPropertyListCreateFromBytes(bytes.data(), bytes.size(), PLMutability::Immutable, nullptr);
-    const auto* top = PLDynamicCast<PLDictionary>(plist.get());
+    const auto top = quilltest::readPlistFile(file());
     ASSERT_TRUE(top);
     for (int w = 0; w < kWriters; ++w) {
         EXPECT_EQ(failures[w], 0);

@@ -1,6 +1,7 @@
 // quillctl's reading verbs: plist lint / print / get, digest, version.
-#include "support/RunCommand.h"
+#include "support/ConfigHome.h"
 #include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
 
 #include <quillcore/platform/PLPropertyList.h>
 
@@ -10,11 +11,11 @@ namespace {
 
 using quilltest::runCommand;
 
-class QuillctlRead : public testing::Test {
+class QuillctlRead : public quilltest::QuillctlTest {
 protected:
     void SetUp() override {
-        _tool = quilltest::quillctlPath();
-        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
+        QuillctlTest::SetUp();
+        if (IsSkipped()) return;
         quilltest::writeFile(_dir / "doc.plist", R"(<?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0">
 <dict>
@@ -40,13 +41,8 @@ protected:
 </plist>
 )");
     }
-    quilltest::CommandResult run(std::vector<std::string> args) {
-        args.insert(args.begin(), _tool);
-        return runCommand(args);
-    }
     std::string doc() const { return (_dir / "doc.plist").string(); }
 
-    std::string _tool;
     quilltest::TempDir _dir;
 };
 
@@ -64,11 +60,8 @@ TEST_F(QuillctlRead, LintReportsEachFileAndFailsOnAnyBadOne) {
 }
 
 TEST_F(QuillctlRead, PrintConvertsBinaryToTheSameXML) {
-    std::string error;
     const std::string xml = quilltest::readFile(doc());
-    auto plist = PLPropertyListCreateFromBytes(xml.data(), xml.size(), PLMutability::Immutable, &error);
-    ASSERT_TRUE(plist) << error;
-    auto binary = PLPropertyListCreateBinaryData(plist.get());
+    auto binary = PLPropertyListCreateBinaryData(quilltest::readPlistFile(doc()).get());
     ASSERT_TRUE(binary);
     quilltest::writeFile(_dir / "doc.bplist", std::string(binary->view()));
 

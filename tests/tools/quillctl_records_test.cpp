@@ -1,8 +1,8 @@
 // quillctl's record verbs: config show / set, services list / show, pids.
 // Each runs against the configuration of a throw-away HOME.
 #include "support/ConfigHome.h"
-#include "support/RunCommand.h"
 #include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
 
 #include <quillcore/platform/Host.h>
 
@@ -33,18 +33,8 @@ std::string lineOf(const std::string& out, const std::string& key) {
     return {};
 }
 
-class QuillctlRecords : public testing::Test {
+class QuillctlRecords : public quilltest::QuillctlTest {
 protected:
-    void SetUp() override {
-        _tool = quilltest::quillctlPath();
-        if (_tool.empty()) GTEST_SKIP() << "QUILLCTL is not set";
-    }
-    quilltest::CommandResult run(std::vector<std::string> args) const {
-        args.insert(args.begin(), _tool);
-        return quilltest::runCommand(args);
-    }
-
-    std::string _tool;
     quilltest::ConfigHome _home;
 };
 

@@ -6,6 +6,8 @@
 #include <quillcore/platform/Host.h>
 #include <quillcore/platform/RunLoop.h>
 
+#include "support/FixedClockHost.h"
+
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -40,17 +42,6 @@ protected:
     void settle() { CRunLoop::current().runFor(0.0); }
 };
 
-TEST(QuillNotificationNames, KeepTheirSuffixAndTheConfusablePairs) {
-    EXPECT_EQ(qn::kQuillAppStoppingNotification->str(), "CorvaneAppTerminatedNotification2");
-    EXPECT_EQ(qn::kQuillAppTerminateNotification->str(), "CorvaneAppTerminateNotification2");
-    EXPECT_EQ(qn::kQuillSetSystemWideSalveeParams->str(), "CorvaneSetSystemWideSalveeParams2");
-    EXPECT_EQ(qn::kQuillDaemonID->str(), "com.tessaly.corvane.corvaned");
-    EXPECT_EQ(qn::kPrefPaneBundleID->str(), "com.tessaly.corvane.prefpane");
-    EXPECT_EQ(qn::kPrefExternalID->str(), "com.tessaly.corvane.prefexternal");
-    // Compile-time constants: immortal.
-    EXPECT_EQ(qn::kQuillStatusNotification->retainCount(), std::numeric_limits<std::int32_t>::max());
-}
-
 TEST_F(QuillNotificationTest, ErrorWithoutSenderOrMessageCarriesEmptyTextsAndNoUserInfo) {
     Inbox inbox;
     registerForNotification(&inbox, &collect, qn::kQuillStatusNotification, nullptr);
@@ -71,14 +62,8 @@ TEST_F(QuillNotificationTest, ErrorWithoutSenderOrMessageCarriesEmptyTextsAndNoU
     EXPECT_TRUE(std::regex_match(time, std::regex(R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3})"))) << time;
 }
 
-// A host whose clock stands still, so the time text can be checked exactly.
-class FixedClockHost final : public CHostWrapper {
-public:
-    PLAbsoluteTime currentTime() override { return 86400.0 * 31 + 3600 * 13 + 60 * 5 + 7.25; }
-};
-
 TEST_F(QuillNotificationTest, StatusAndWarningCarrySenderMessageTimeAndExtraValue) {
-    FixedClockHost clock;
+    quilltest::CFixedClockHost clock(86400.0 * 31 + 3600 * 13 + 60 * 5 + 7.25);  // the time text is exact
     CScopedHost host(clock);
     Inbox inbox;
     registerForNotification(&inbox, &collect, nullptr, nullptr);

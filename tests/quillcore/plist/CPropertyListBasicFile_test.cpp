@@ -2,6 +2,7 @@
 // processes, and the exact failure messages (failures injected through the
 // host seam).
 #include "support/FileFaultHost.h"
+#include "support/NotificationBus.h"
 #include "support/TestSupport.h"
 
 #include <quillcore/platform/PLPropertyList.h>
@@ -98,10 +99,6 @@ protected:
     std::string prefix(const char* operation) const {
         return ferrocore::formatString("CPropertyListBasicFile::%s[%d](%s): ", operation, getpid(), file());
     }
-    static std::string consoleLog() {
-        std::error_code ec;
-        return std::filesystem::exists(quilltest::consoleLogPath(), ec) ? readFile(quilltest::consoleLogPath()) : "";
-    }
 
     quilltest::TempDir _dir;
     PLHolder<const PLString> _path = PLString::create(file());
@@ -177,7 +174,7 @@ TEST_F(BasicFileTest, AnUnreadableFileIsNeverOverwrittenUntilARefreshSucceeds) {
         EXPECT_EQ(e.kind(), ferrocore::kExceptionKindHostRuntime);
         EXPECT_EQ(e.message().rfind(prefix("refresh") + "PLPropertyListCreateFromXMLData() failed, error = ", 0), 0u)
             << e.message();
-        EXPECT_NE(consoleLog().find(e.message()), std::string::npos);
+        EXPECT_FALSE(quilltest::consoleLinesWith(e.message()).empty());
         EXPECT_TRUE(plist.lastRefreshFailed());
         EXPECT_EQ(plist.toPropertyList()->count(), 2u) << "contents kept after a failed read";
 
@@ -295,7 +292,7 @@ TEST_F(BasicFileTest, HostFailuresGiveTheExactMessages) {
     faults.writeError = ENOSPC;
     e = thrownBy([&] { plist.flush(); });
     EXPECT_EQ(e.message(), prefix("writePropertyList") + "can't write file, error = No space left on device");
-    EXPECT_NE(consoleLog().find(e.message()), std::string::npos);
+    EXPECT_FALSE(quilltest::consoleLinesWith(e.message()).empty());
     EXPECT_FALSE(plist.lastRefreshFailed()) << "a failed write does not block later writes";
     faults.writeLimit.reset();
 

@@ -1,8 +1,8 @@
 // The list file: list operations, the order list, and the record protocol of
 // refresh and flush (own section only, and the trap under a caller's lock).
+#include "support/ConfigHome.h"
 #include "support/TestSupport.h"
 
-#include <quillcore/platform/PLPropertyList.h>
 #include <quillcore/plist/CPropertyListFile.h>
 
 #include <gtest/gtest.h>
@@ -63,14 +63,6 @@ private:
     std::string _kind;
 };
 
-PLHolder<const PLDictionary> readTop(const std::string& file) {
-    const std::string bytes = quilltest::readFile(file);
-    std::string error;
-    auto plist = PLPropertyListCreateFromBytes(bytes.data(), bytes.size(), PLMutability::Immutable, &error);
-    EXPECT_TRUE(plist) << error;
-    return PLHolder<const PLDictionary>::retain(PLDynamicCast<PLDictionary>(plist.get()));
-}
-
 class ListFileTest : public testing::Test {
 protected:
     std::string file() const { return (_dir / "list.plist").string(); }
@@ -122,7 +114,7 @@ TEST_F(ListFileTest, TheOrderListDecidesWhatIsLoadedAndNeedsTwoEntries) {
 
     ordered.remove(str("c").get());
     ordered.flush();
-    EXPECT_FALSE(PLDynamicCast<PLDictionary>(readTop(file())->get("tests"))->get("_orderList"));
+    EXPECT_FALSE(PLDynamicCast<PLDictionary>(quilltest::readPlistFile(file())->get("tests"))->get("_orderList"));
 
     ordered.put(Entry("z", 26));
     ordered.put(Entry("b", 2));
@@ -152,7 +144,7 @@ TEST_F(ListFileTest, FlushWithoutALockReplacesOnlyItsOwnSection) {
     kindA.put(Entry("x", 1));
     kindA.flush();
 
-    auto top = readTop(file());
+    auto top = quilltest::readPlistFile(file());
     EXPECT_TRUE(top->get("other"));
     EXPECT_TRUE(top->get("late"));
     EXPECT_EQ(ListFile(path(), false).texts(), "e=5");
@@ -173,7 +165,7 @@ TEST_F(ListFileTest, RefreshAndFlushUnderTheCallersLockWriteTheSectionAsTheWhole
     EXPECT_TRUE(list.fileLock()) << "the caller's lock stays held";
     list.unlock();
 
-    auto top = readTop(file());
+    auto top = quilltest::readPlistFile(file());
     EXPECT_FALSE(top->get("other"));
     EXPECT_TRUE(PLDynamicCast<PLDictionary>(top->get("a")));
     EXPECT_TRUE(PLDynamicCast<PLDictionary>(top->get("tests")));

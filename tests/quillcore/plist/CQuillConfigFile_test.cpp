@@ -25,6 +25,10 @@ PLHolder<const PLString> str(std::string_view text) { return PLString::create(te
 
 std::string text(PLStringRef value) { return value ? value->str() : "<unset>"; }
 
+// What every flush writes, whatever the values.
+const std::set<std::string> kAlwaysWritten = {"DaemonEnabled", "SharingEnabled", "SharingType", "LogToFile",
+                                              "RequirePassword", "ServerName",     "DNSDomain"};
+
 void writeSection(const std::filesystem::path& file, const std::string& entries) {
     writeFile(file, R"(<plist version="1.0"><dict><key>corvaneconfig</key><dict>)" + entries +
                         "</dict><key>other</key><string>kept</string></dict></plist>");
@@ -53,9 +57,7 @@ TEST_F(QuillConfigFileTest, AMissingFileReadsAsDefaultsAndWritesOnlyTheAlwaysWri
 
     config.flush();
     const auto top = readPlistFile(_home.configFile());
-    EXPECT_EQ(keysOf(plistValue(top.get(), {"corvaneconfig"})),
-              (std::set<std::string>{"DaemonEnabled", "SharingEnabled", "SharingType", "LogToFile", "RequirePassword",
-                                     "ServerName", "DNSDomain"}));
+    EXPECT_EQ(keysOf(plistValue(top.get(), {"corvaneconfig"})), kAlwaysWritten);
     EXPECT_EQ(text(PLDynamicCast<PLString>(plistValue(top.get(), {"corvaneconfig", "DNSDomain"}))), "");
 }
 
@@ -72,9 +74,7 @@ TEST_F(QuillConfigFileTest, ChangedSettingsRoundTripAndDefaultsStayOutOfTheFile)
     config.portRangeStart = 50100;
     config.stdoutServicePath = str("/var/tmp/services.out");
     config.flush();
-    const std::set<std::string> always = {"DaemonEnabled", "SharingEnabled", "SharingType", "LogToFile",
-                                          "RequirePassword", "ServerName",     "DNSDomain"};
-    std::set<std::string> expected = always;
+    std::set<std::string> expected = kAlwaysWritten;
     expected.insert({"DaemonPort", "LaunchContentAgent", "ServerPassword", "Advertising", "NetworkConnection",
                      "AllowRemoteAds", "PortRangeStart", "StdoutServicePath"});
     EXPECT_EQ(keysOf(plistValue(readPlistFile(_home.configFile()).get(), {"corvaneconfig"})), expected);
@@ -93,7 +93,7 @@ TEST_F(QuillConfigFileTest, ChangedSettingsRoundTripAndDefaultsStayOutOfTheFile)
     back.daemonPort = 2189;
     back.advertising = Advertising::DN;
     back.flush();
-    expected = always;
+    expected = kAlwaysWritten;
     expected.insert({"Advertising", "LaunchContentAgent", "NetworkConnection", "AllowRemoteAds", "PortRangeStart",
                      "StdoutServicePath"});
     EXPECT_EQ(keysOf(plistValue(readPlistFile(_home.configFile()).get(), {"corvaneconfig"})), expected);

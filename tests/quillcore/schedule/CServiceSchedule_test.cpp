@@ -1,8 +1,8 @@
 #include <quillcore/schedule/CServiceSchedule.h>
 
 #include <ferrocore/CException.h>
-#include <quillcore/platform/PLPropertyList.h>
 
+#include "support/ConfigHome.h"
 #include "support/FixedClockHost.h"
 #include "support/TestSupport.h"
 
@@ -34,13 +34,7 @@ constexpr std::chrono::year_month_day kToday = 2025y / 1 / 15;
 // Day and time as one comparable number: DHHMMSS.
 unsigned packed(unsigned day, unsigned h, unsigned m, unsigned s) { return ((day * 100 + h) * 100 + m) * 100 + s; }
 
-PLHolder<const PLObject> parse(const std::string& body) {
-    const std::string xml = "<plist version=\"1.0\"><dict>" + body + "</dict></plist>";
-    std::string error;
-    auto plist = PLPropertyListCreateFromBytes(xml.data(), xml.size(), PLMutability::Immutable, &error);
-    EXPECT_TRUE(plist) << error;
-    return plist;
-}
+PLHolder<const PLDictionary> parse(const std::string& body) { return quilltest::parsePlist("<dict>" + body + "</dict>"); }
 
 void expectParamError(const std::function<void()>& call, const std::string& message) {
     try {

@@ -43,29 +43,24 @@ public:
 
 std::error_code systemError(int err) { return {err, std::system_category()}; }
 
-TEST(CFileUtilLimits, RaisesButNeverLowers) {
-    CLimitHost limits(256, CResourceLimit::kUnlimited);
-    CScopedHost scope(limits);
+TEST(CFileUtilLimits, RaisesUpToTheHardLimitButNeverLowers) {
+    CLimitHost unlimited(256, CResourceLimit::kUnlimited);
+    CLimitHost finite(256, 1000);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(setMaxOpenFiles(2048), 2048);
-    EXPECT_EQ(limits.limit.soft, 2048);
-    EXPECT_EQ(limits.limit.hard, CResourceLimit::kUnlimited);
-    EXPECT_EQ(setMaxOpenFiles(1024), 2048);
-    EXPECT_EQ(limits.sets, 1);
-    EXPECT_EQ(getMaxOpenFiles(), 2048);
+    {
+        CScopedHost scope(unlimited);
+        EXPECT_EQ(setMaxOpenFiles(2048), 2048);
+        EXPECT_EQ(unlimited.limit.hard, CResourceLimit::kUnlimited);
+        EXPECT_EQ(setMaxOpenFiles(1024), 2048);
+        EXPECT_EQ(unlimited.sets, 1);
+        EXPECT_EQ(getMaxOpenFiles(), 2048);
+    }
+    CScopedHost scope(finite);
+    EXPECT_EQ(setMaxOpenFiles(2048), 256);  // above a finite hard limit: kept,
+    EXPECT_EQ(finite.sets, 0);              // not even raised to the hard limit
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-TEST(CFileUtilLimits, AboveAFiniteHardLimitKeepsTheSoftLimit) {
-    CLimitHost limits(256, 1000);
-    CScopedHost scope(limits);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(setMaxOpenFiles(2048), 256);
-    EXPECT_EQ(limits.sets, 0);  // not even raised to the hard limit
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-    EXPECT_EQ(setMaxOpenFiles(1000), 1000);  // up to the hard limit is fine
-    EXPECT_EQ(limits.limit.hard, 1000);
+    EXPECT_EQ(setMaxOpenFiles(1000), 1000);  // up to it is fine
+    EXPECT_EQ(finite.limit.hard, 1000);
 }
 
 TEST(CFileUtilLimits, FailuresArePrintedAndGiveMinusOne) {

@@ -2,6 +2,7 @@
 
 #include <quillcore/platform/Host.h>
 
+#include "support/FixedClockHost.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -14,15 +15,6 @@ namespace {
 
 using quill::CTimeStamp;
 
-class CFixedClockHost final : public quill::platform::CHostWrapper {
-public:
-    explicit CFixedClockHost(double now) : _now(now) {}
-    PLAbsoluteTime currentTime() override { return _now; }
-
-private:
-    double _now;
-};
-
 // The expected texts below are for UTC unless a test picks another zone.
 class CTimeStampTest : public ::testing::Test {
     quilltest::ScopedEnv _utc{"TZ", "UTC"};
@@ -34,18 +26,25 @@ double secondsUntil(std::chrono::year_month_day day) {
     return static_cast<double>(duration_cast<seconds>(sys_days(day) - sys_days(year(2001) / January / 1)).count());
 }
 
-TEST_F(CTimeStampTest, FormatsMonthBeforeDayWithMilliseconds) {
+TEST_F(CTimeStampTest, FormatsAndStreamsMonthBeforeDayWithMilliseconds) {
     CTimeStamp start(0.0);
-    EXPECT_EQ(start.seconds(), 0.0);
     EXPECT_STREQ(start.text(), "01/01/2001 00:00:00.000");
 
     CTimeStamp later(secondsUntil(std::chrono::year(2026) / 7 / 4) + 9 * 3600 + 5 * 60 + 5.25);
     EXPECT_STREQ(later.text(), "07/04/2026 09:05:05.250");
     EXPECT_EQ(std::strlen(later.text()), 23u);
+    // Years past four digits are not cut.
+    CTimeStamp far(secondsUntil(std::chrono::year(12345) / 6 / 7) + 3600);
+    EXPECT_STREQ(far.text(), "06/07/12345 01:00:00.000");
+
+    CTimeStamp copy = later;
+    std::ostringstream out;
+    out << copy << "message";
+    EXPECT_EQ(out.str(), "07/04/2026 09:05:05.250: message");
 }
 
 TEST_F(CTimeStampTest, NegativeMeansNowFromTheHostClock) {
-    CFixedClockHost clock(secondsUntil(std::chrono::year(2030) / 2 / 28) + 59.5);
+    quilltest::CFixedClockHost clock(secondsUntil(std::chrono::year(2030) / 2 / 28) + 59.5);
     quill::platform::CScopedHost scope(clock);
     CTimeStamp now(-1.0);
     EXPECT_EQ(now.seconds(), clock.currentTime());
@@ -59,19 +58,6 @@ TEST_F(CTimeStampTest, UsesTheZoneInForceAtConstruction) {
     CTimeStamp newYork(0.0);
     EXPECT_STREQ(newYork.text(), "12/31/2000 19:00:00.000");
     EXPECT_STREQ(utc.text(), "01/01/2001 00:00:00.000");  // made earlier, unchanged
-}
-
-TEST_F(CTimeStampTest, YearsBeyondFourDigitsAreNotCut) {
-    CTimeStamp far(secondsUntil(std::chrono::year(12345) / 6 / 7) + 3600);
-    EXPECT_STREQ(far.text(), "06/07/12345 01:00:00.000");
-}
-
-TEST_F(CTimeStampTest, StreamsTextAndSeparator) {
-    CTimeStamp stamp(5.25);
-    CTimeStamp copy = stamp;
-    std::ostringstream out;
-    out << copy << "message";
-    EXPECT_EQ(out.str(), "01/01/2001 00:00:05.250: message");
 }
 
 }  // namespace

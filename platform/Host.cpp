@@ -67,5 +67,16 @@ std::error_code CHostWrapper::fileMode(const std::string& path, std::uint32_t& m
 std::error_code CHostWrapper::setFileMode(const std::string& path, std::uint32_t mode) {
     return _target->setFileMode(path, mode);
 }
+std::error_code CHostWrapper::openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
+                                                  int& fd) {
+    return _target->openFileForAppending(path, truncate, mode, fd);
+}
+std::error_code CHostWrapper::writeFile(int fd, const void* data, std::size_t size, std::size_t& written) {
+    return _target->writeFile(fd, data, size, written);
+}
+std::error_code CHostWrapper::createDirectory(const std::string& path, std::uint32_t mode) {
+    return _target->createDirectory(path, mode);
+}
+std::uint32_t CHostWrapper::setFileCreationMask(std::uint32_t mask) { return _target->setFileCreationMask(mask); }
 
 }  // namespace quill::platform

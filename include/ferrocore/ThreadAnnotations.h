@@ -18,4 +18,5 @@
 #define FERRO_RELEASE(...) FERRO_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define FERRO_TRY_ACQUIRE(...) FERRO_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define FERRO_EXCLUDES(...) FERRO_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define FERRO_RETURN_CAPABILITY(x) FERRO_THREAD_ANNOTATION(lock_returned(x))
 #define FERRO_NO_THREAD_SAFETY_ANALYSIS FERRO_THREAD_ANNOTATION(no_thread_safety_analysis)

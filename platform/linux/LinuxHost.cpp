@@ -19,6 +19,7 @@
 #include "platform/linux/LinuxSystemFacts.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -33,6 +34,7 @@
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <pthread.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <pwd.h>
@@ -93,6 +95,21 @@ AddressGroup classify(const sockaddr* addr, unsigned flags) {
     if (IN6_IS_ADDR_LOOPBACK(&in6->sin6_addr)) return AddressGroup::Loopback;
     if (IN6_IS_ADDR_LINKLOCAL(&in6->sin6_addr)) return AddressGroup::LinkLocal;
     return AddressGroup::IPv6;
+}
+
+std::atomic<std::int32_t> gProcessID{0};
+
+void forgetProcessID() noexcept { gProcessID.store(0, std::memory_order_relaxed); }
+
+std::int32_t cachedProcessID() noexcept {
+    std::int32_t pid = gProcessID.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        static const int registered = pthread_atfork(nullptr, nullptr, forgetProcessID);
+        (void)registered;
+        pid = static_cast<std::int32_t>(getpid());
+        gProcessID.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
 }
 
 class CLinuxHost final : public IHost {
@@ -200,7 +217,9 @@ public:
 
     std::string processName() override { return program_invocation_short_name; }
 
-    std::int32_t processID() override { return static_cast<std::int32_t>(getpid()); }
+    // getpid() is a system call each time; loggers ask for every record. The
+    // cached value is dropped in a forked child (see cachedProcessID).
+    std::int32_t processID() override { return cachedProcessID(); }
 
     std::string homeDirectory() override {
         std::string home = environment("HOME");
@@ -330,6 +349,31 @@ public:
         return {};
     }
 
+    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
+                                         int& fd) override {
+        const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (truncate ? O_TRUNC : 0);
+        int opened;
+        do {
+            opened = ::open(path.c_str(), flags, static_cast<mode_t>(mode));
+        } while (opened < 0 && errno == EINTR);
+        if (opened < 0) return posixError(errno);
+        fd = opened;
+        return {};
+    }
+
+    std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) override {
+        written = 0;
+        const auto* bytes = static_cast<const char*>(data);
+        while (written < size) {
+            const ssize_t n = ::write(fd, bytes + written, size - written);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) return posixError(errno);
+            if (n == 0) return posixError(EIO);
+            written += static_cast<std::size_t>(n);
+        }
+        return {};
+    }
+
     std::error_code truncateFile(int fd, std::uint64_t length) override {
         int rc;
         do {
@@ -355,6 +399,15 @@ public:
     std::error_code setFileMode(const std::string& path, std::uint32_t mode) override {
         if (::chmod(path.c_str(), static_cast<mode_t>(mode)) != 0) return posixError(errno);
         return {};
+    }
+
+    std::error_code createDirectory(const std::string& path, std::uint32_t mode) override {
+        if (::mkdir(path.c_str(), static_cast<mode_t>(mode)) != 0) return posixError(errno);
+        return {};
+    }
+
+    std::uint32_t setFileCreationMask(std::uint32_t mask) override {
+        return static_cast<std::uint32_t>(::umask(static_cast<mode_t>(mask & 0777)));
     }
 
 private:

@@ -205,6 +205,16 @@ public:
                                         std::size_t& written) = 0;
     // Cuts (or extends) the file to `length` bytes.
     virtual std::error_code truncateFile(int fd, std::uint64_t length) = 0;
+    // Opens `path` for appending, without a lock: every write goes to the
+    // end of the file as it is at that moment, also with other writers. A
+    // missing file is made with `mode` less the file-creation mask; with
+    // `truncate` the file is emptied first.
+    virtual std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
+                                                 int& fd) = 0;
+    // Writes all `size` bytes at the current offset (for a file opened for
+    // appending, its end), resuming after partial and interrupted writes;
+    // `written` as for writeFileAt().
+    virtual std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) = 0;
 
     // ------------------------------------------------------- file status
     //
@@ -218,6 +228,13 @@ public:
     virtual std::error_code fileMode(const std::string& path, std::uint32_t& mode) = 0;
     // Sets the permission bits of `path` (chmod).
     virtual std::error_code setFileMode(const std::string& path, std::uint32_t mode) = 0;
+    // Makes the directory `path` with `mode` less the file-creation mask
+    // (mkdir); an existing one is reported as std::errc::file_exists.
+    virtual std::error_code createDirectory(const std::string& path, std::uint32_t mode) = 0;
+    // Sets the process's file-creation mask (umask) and returns the one it
+    // replaces. The mask is process-wide: callers set it around one creation
+    // and put the old one back at once.
+    virtual std::uint32_t setFileCreationMask(std::uint32_t mask) = 0;
 };
 
 // Forwards every call to a target host. Derive from it and override what a
@@ -257,9 +274,14 @@ public:
     std::error_code writeFileAt(int fd, std::uint64_t offset, const void* data, std::size_t size,
                                 std::size_t& written) override;
     std::error_code truncateFile(int fd, std::uint64_t length) override;
+    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
+                                         int& fd) override;
+    std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) override;
     std::error_code fileSystemStatus(const std::string& path) override;
     std::error_code fileMode(const std::string& path, std::uint32_t& mode) override;
     std::error_code setFileMode(const std::string& path, std::uint32_t mode) override;
+    std::error_code createDirectory(const std::string& path, std::uint32_t mode) override;
+    std::uint32_t setFileCreationMask(std::uint32_t mask) override;
 
 private:
     IHost* const _target;

@@ -1,0 +1,312 @@
+#include "LogRecord.h"
+
+#include <ferrocore/CXMLService.h>
+#include <ferrocore/Format.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/util/CTimeStamp.h>
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace quill::logrecord {
+
+// printf rounds the exact binary value; so does this: by whole milliseconds
+// when the value is far enough from a half millisecond for the product's
+// rounding error not to matter, else by std::to_chars, which rounds exactly.
+void appendFixed3(std::string& out, double value, int width) {
+    char digits[64];
+    std::size_t length = 0;
+    const double scaled = value * 1000.0;
+    const double fraction = scaled - std::floor(scaled);
+    if (value >= 0 && scaled < 9.0e15 && std::fabs(fraction - 0.5) > 1.0e-3) {
+        std::uint64_t millis = static_cast<std::uint64_t>(scaled + 0.5);
+        char reversed[24];
+        std::size_t count = 0;
+        do {
+            reversed[count++] = static_cast<char>('0' + millis % 10);
+            millis /= 10;
+            if (count == 3) reversed[count++] = '.';
+        } while (millis != 0 || count < 5);
+        while (count > 0) digits[length++] = reversed[--count];
+    } else {
+        const std::to_chars_result result =
+            std::to_chars(digits, digits + sizeof digits, value, std::chars_format::fixed, 3);
+        if (result.ec != std::errc()) {
+            out += ferrocore::formatString("%0*.3lf", width, value);
+            return;
+        }
+        length = static_cast<std::size_t>(result.ptr - digits);
+    }
+    if (static_cast<std::size_t>(width) > length) out.append(static_cast<std::size_t>(width) - length, '0');
+    out.append(digits, length);
+}
+
+namespace {
+
+void appendUnsigned(std::string& out, unsigned long long value) {
+    char digits[24];
+    const std::to_chars_result result = std::to_chars(digits, digits + sizeof digits, value);
+    out.append(digits, static_cast<std::size_t>(result.ptr - digits));
+}
+
+// The calendar fields of the current second, per thread, for the real host:
+// the date text up to the minute ("MM/DD/YYYY hh:mm:") and the seconds of
+// the minute. Substitute hosts are asked every time (tests change their
+// clocks and calendars at will); so is the real host when TZ has been set
+// anew since, so that a change of time zone shows at once.
+struct CalendarCache {
+    double second = std::nan("");
+    const char* timeZone = nullptr;
+    double secondOfMinute = 0;
+    char prefix[48] = {};
+    std::size_t prefixLength = 0;
+};
+thread_local CalendarCache tCalendar __attribute__((tls_model("initial-exec")));
+
+bool fillCalendar(platform::IHost& host, double second, CalendarCache& cache) {
+    const platform::CCalendarDate date = host.calendarDate(second);
+    // Four-digit years only: others take the general path, which prints them
+    // exactly as the time stamp does.
+    if (date.year < 0 || date.year > 9999) return false;
+    const int length = std::snprintf(cache.prefix, sizeof cache.prefix, "%02d/%02d/%04d %02d:%02d:", date.month,
+                                     date.day, date.year, date.hour, date.minute);
+    if (length <= 0 || static_cast<std::size_t>(length) >= sizeof cache.prefix) return false;
+    cache.prefixLength = static_cast<std::size_t>(length);
+    cache.secondOfMinute = date.second;
+    cache.second = second;
+    return true;
+}
+
+}  // namespace
+
+void appendTimeFields(std::string& out) {
+    platform::IHost& host = platform::host();
+    const double now = host.currentTime();
+    out += "tms=\"";
+    if (std::isfinite(now) && now >= 0 && &host == &platform::defaultHost()) {
+        // The real calendar gives a second's seconds as the whole seconds plus
+        // the fraction; so does this, from the whole second's fields.
+        const double whole = std::floor(now);
+        const char* timeZone = std::getenv("TZ");
+        CalendarCache& cache = tCalendar;
+        if ((cache.second == whole && cache.timeZone == timeZone) || fillCalendar(host, whole, cache)) {
+            cache.timeZone = timeZone;
+            appendFixed3(out, now);
+            out += "\" tmt=\"";
+            out.append(cache.prefix, cache.prefixLength);
+            appendFixed3(out, cache.secondOfMinute + (now - whole), 6);
+            out += '"';
+            return;
+        }
+    }
+    const CTimeStamp stamp(now);
+    appendFixed3(out, stamp.seconds());
+    out += "\" tmt=\"";
+    out += stamp.text();
+    out += '"';
+}
+
+void appendRecordHead(std::string& out, unsigned level) {
+    out += "<log ";
+    appendTimeFields(out);
+    out += " pid=\"";
+    appendUnsigned(out, static_cast<std::uint32_t>(platform::host().processID()));
+    if (level != 3) {
+        out += "\" lvl=\"";
+        appendUnsigned(out, level);
+    }
+    out += "\" msg=\"";
+}
+
+std::string fileHeader() {
+    std::string processName = platform::host().processName();
+    if (processName.empty()) processName = "unknown";
+    const ferrocore::CStringRef safeName = ferrocore::CString::create(processName)->xmlAttributeSafeCopy();
+    std::string header = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n<logs ";
+    appendTimeFields(header);
+    header += " pnm=\"";
+    header += safeName->utf8();
+    header += "\">\n";
+    return header;
+}
+
+std::string sessionMark(bool begin) {
+    std::string mark = "<mrk ";
+    appendTimeFields(mark);
+    mark += " pid=\"";
+    appendUnsigned(mark, static_cast<std::uint32_t>(platform::host().processID()));
+    mark += begin ? "\" kind=\"begin\" what=\"log-session\"/>\n" : "\" kind=\"end\" what=\"log-session\"/>\n";
+    return mark;
+}
+
+namespace {
+
+bool isXMLChar(std::uint32_t c) noexcept {
+    return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) || (c >= 0xE000 && c <= 0xFFFD) ||
+           (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+// The length of a valid reference at the start of `text` (which begins with
+// "&"), or 0.
+std::size_t referenceLength(std::string_view text) noexcept {
+    static constexpr std::string_view kNamed[] = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
+    for (std::string_view named : kNamed)
+        if (text.starts_with(named)) return named.size();
+    if (text.size() < 4 || text[1] != '#') return 0;
+    const bool hex = text[2] == 'x';
+    std::size_t i = hex ? 3 : 2;
+    const std::size_t digitsStart = i;
+    std::uint32_t value = 0;
+    for (; i < text.size() && text[i] != ';'; ++i) {
+        const char c = text[i];
+        unsigned digit;
+        if (c >= '0' && c <= '9')
+            digit = static_cast<unsigned>(c - '0');
+        else if (hex && c >= 'a' && c <= 'f')
+            digit = static_cast<unsigned>(c - 'a' + 10);
+        else if (hex && c >= 'A' && c <= 'F')
+            digit = static_cast<unsigned>(c - 'A' + 10);
+        else
+            return 0;
+        value = value * (hex ? 16 : 10) + digit;
+        if (value > 0x10FFFF) return 0;
+    }
+    if (i == digitsStart || i == text.size() || !isXMLChar(value)) return 0;
+    return i + 1;
+}
+
+// The length of a well-formed UTF-8 sequence of an XML character at the start
+// of `text` (whose first byte is 0x80 or above), or 0.
+std::size_t utf8Length(std::string_view text) noexcept {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const auto continuation = [&](std::size_t i) { return i < text.size() && (byte(i) & 0xC0) == 0x80; };
+    const unsigned char lead = byte(0);
+    if (lead >= 0xC2 && lead <= 0xDF) return continuation(1) ? 2 : 0;
+    if (lead >= 0xE0 && lead <= 0xEF) {
+        if (!continuation(1) || !continuation(2)) return 0;
+        const std::uint32_t c = ((lead & 0x0Fu) << 12) | ((byte(1) & 0x3Fu) << 6) | (byte(2) & 0x3Fu);
+        return c >= 0x800 && isXMLChar(c) ? 3 : 0;
+    }
+    if (lead >= 0xF0 && lead <= 0xF4) {
+        if (!continuation(1) || !continuation(2) || !continuation(3)) return 0;
+        const std::uint32_t c =
+            ((lead & 0x07u) << 18) | ((byte(1) & 0x3Fu) << 12) | ((byte(2) & 0x3Fu) << 6) | (byte(3) & 0x3Fu);
+        return c >= 0x10000 && c <= 0x10FFFF ? 4 : 0;
+    }
+    return 0;
+}
+
+// Which ASCII bytes may stand in an attribute value as they are.
+struct PlainTable {
+    bool plain[128] = {};
+    constexpr PlainTable() {
+        for (int c = 0x20; c < 0x80; ++c) plain[c] = c != '"' && c != '<' && c != '&';
+        plain['\t'] = plain['\n'] = plain['\r'] = true;
+    }
+};
+constexpr PlainTable kPlain;
+
+}  // namespace
+
+namespace {
+
+// Whether any of the eight bytes of `word` needs a closer look: not ASCII, a
+// control character, or one of " < &.
+constexpr std::uint64_t kOnes = 0x0101010101010101ull;
+constexpr std::uint64_t kHighs = 0x8080808080808080ull;
+inline std::uint64_t zeroBytes(std::uint64_t word) noexcept { return (word - kOnes) & ~word & kHighs; }
+inline bool needsCloserLook(std::uint64_t word) noexcept {
+    if (word & kHighs) return true;
+    // For ASCII bytes, (b - 0x20) borrows exactly when b < 0x20.
+    const std::uint64_t controls = (word - 0x20 * kOnes) & ~word & kHighs;
+    return (controls | zeroBytes(word ^ ('"' * kOnes)) | zeroBytes(word ^ ('<' * kOnes)) |
+            zeroBytes(word ^ ('&' * kOnes))) != 0;
+}
+
+}  // namespace
+
+bool isPlainAttributeText(std::string_view message) noexcept {
+    std::size_t i = 0;
+    const std::size_t size = message.size();
+    while (i < size) {
+        if (i + 8 <= size) {
+            std::uint64_t word;
+            std::memcpy(&word, message.data() + i, sizeof word);
+            if (!needsCloserLook(word)) {
+                i += 8;
+                continue;
+            }
+        }
+        const unsigned char c = static_cast<unsigned char>(message[i]);
+        if (c < 0x80) {
+            if (kPlain.plain[c]) {
+                ++i;
+                continue;
+            }
+            if (c != '&') return false;
+            const std::size_t length = referenceLength(message.substr(i));
+            if (length == 0) return false;
+            i += length;
+        } else {
+            const std::size_t length = utf8Length(message.substr(i));
+            if (length == 0) return false;
+            i += length;
+        }
+    }
+    return true;
+}
+
+std::string percentEscaped(std::string_view message) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string escaped;
+    escaped.reserve(message.size() + message.size() / 2);
+    for (const char ch : message) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        if (c < 0x20 || c >= 0x7F || c == '<' || c == '>' || c == '"' || c == '&') {
+            escaped += '%';
+            escaped += kHex[c >> 4];
+            escaped += kHex[c & 0x0F];
+        } else {
+            escaped += ch;
+        }
+    }
+    return escaped;
+}
+
+namespace {
+
+// Whether `message` parses as the value of "msg" in an element with the
+// attributes of a real record head, so that it can add no duplicate of them.
+bool parsesInRecord(std::string_view message, unsigned level) {
+    std::string element = level == 3 ? "<log tms=\"\" tmt=\"\" pid=\"\" msg=\"" : "<log tms=\"\" tmt=\"\" pid=\"\" lvl=\"\" msg=\"";
+    element += message;
+    element += "\"/>";
+    return ferrocore::CXMLService::isWellFormed(element);
+}
+
+}  // namespace
+
+bool escapeMessage(std::string_view message, unsigned level, std::string& out) noexcept {
+    if (message.empty() || isPlainAttributeText(message)) return false;
+    try {
+        if (parsesInRecord(message, level)) return false;
+        std::string escaped = percentEscaped(message);
+        if (isPlainAttributeText(escaped) || parsesInRecord(escaped, level)) {
+            out = std::move(escaped);
+            return true;
+        }
+    } catch (...) {
+        // fall through to the attribute-safe copy
+    }
+    try {
+        out = ferrocore::CString::create(message)->xmlAttributeSafeCopy()->utf8();
+    } catch (...) {
+        out.clear();
+    }
+    return true;
+}
+
+}  // namespace quill::logrecord

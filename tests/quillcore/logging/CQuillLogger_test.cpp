@@ -1,0 +1,497 @@
+#include <quillcore/control/QuillCorePrivate.h>
+#include <quillcore/control/QuillNotification.h>
+#include <quillcore/logging/CQuillGlobalLogger.h>
+#include <quillcore/logging/CQuillLogger.h>
+#include <quillcore/platform/NotificationCenter.h>
+#include <quillcore/platform/RunLoop.h>
+#include <quillcore/plist/CServiceCacheFile.h>
+#include <quillcore/util/CTimeStamp.h>
+
+#include <ferrocore/CException.h>
+
+#include "support/ConfigHome.h"
+#include "support/FixedClockHost.h"
+#include "support/TestSupport.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <regex>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+using ferrocore::CString;
+using quill::CQuillGlobalLogger;
+using quill::CQuillLogger;
+using quill::CQuillLoggerRef;
+using quilltest::readFile;
+using quilltest::TempDir;
+using testing::HasSubstr;
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+const std::string kPid = std::to_string(getpid());
+const std::string kTimes = R"(tms="\d+\.\d{3}" tmt="\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3}")";
+
+bool matches(const std::string& line, const std::string& pattern) {
+    return std::regex_match(line, std::regex(pattern));
+}
+
+std::string recordPattern(const std::string& escapedMessage, unsigned level = 3) {
+    std::string lvl = level == 3 ? "" : " lvl=\"" + std::to_string(level) + "\"";
+    return "<log " + kTimes + " pid=\"" + kPid + "\"" + lvl + " msg=\"" + escapedMessage + "\"/>";
+}
+
+CQuillLoggerRef fileLogger(const std::filesystem::path& path, bool truncate = false) {
+    CQuillLoggerRef logger = CQuillLogger::create();
+    logger->startupLogging(CString::create(path.string()), truncate);
+    return logger;
+}
+
+// The records (log elements) of a file, parsed from the document the logger
+// itself hands out.
+std::vector<ferrocore::CXMLServiceRef> elementsOf(const CQuillLogger& logger) {
+    const ferrocore::CXMLServiceRef document = ferrocore::CXMLService::create(logger.logDataAsString()->utf8());
+    const ferrocore::CXMLServiceRef logs = document->childAtIndex(0);
+    std::vector<ferrocore::CXMLServiceRef> elements;
+    for (std::size_t i = 0; i < logs->childCount(); ++i) elements.push_back(logs->childAtIndex(i));
+    return elements;
+}
+
+// Standard error redirected to a file for the lifetime of the object.
+class StderrCapture {
+public:
+    StderrCapture() : _saved(::dup(2)) {
+        std::cerr.flush();
+        const int fd = ::open(_file.str().append("/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(fd, 2);
+        ::close(fd);
+    }
+    ~StderrCapture() { restore(); }
+    std::string text() {
+        restore();
+        return readFile(_file / "err");
+    }
+
+private:
+    void restore() {
+        if (_saved < 0) return;
+        std::cerr.flush();
+        ::dup2(_saved, 2);
+        ::close(_saved);
+        _saved = -1;
+    }
+    TempDir _file;
+    int _saved;
+};
+
+// ------------------------------------------------------------ file sessions
+
+TEST(CQuillLogger, NewFileGetsHeaderAndMarksAndAppendingAddsOnlyMarks) {
+    TempDir dir;
+    const auto path = dir / "a.log";
+    {
+        CQuillLoggerRef logger = fileLogger(path);
+        const auto lines = linesOf(readFile(path));
+        ASSERT_EQ(lines.size(), 3u);
+        EXPECT_EQ(lines[0], R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?>)");
+        EXPECT_TRUE(matches(lines[1], "<logs " + kTimes + R"( pnm="[^"]+">)")) << lines[1];
+        EXPECT_TRUE(matches(lines[2], "<mrk " + kTimes + " pid=\"" + kPid + R"(" kind="begin" what="log-session"/>)"))
+            << lines[2];
+        EXPECT_EQ(logger->logFilePath()->utf8(), path.string());
+        EXPECT_TRUE(logger->isLoggingToFile());
+    }
+    auto lines = linesOf(readFile(path));
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_TRUE(matches(lines[3], "<mrk " + kTimes + " pid=\"" + kPid + R"(" kind="end" what="log-session"/>)"));
+    fileLogger(path).reset();
+    lines = linesOf(readFile(path));
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_THAT(lines[4], HasSubstr("kind=\"begin\""));
+
+    // Truncating starts the file afresh, header included.
+    fileLogger(path, true).reset();
+    EXPECT_EQ(linesOf(readFile(path)).size(), 4u);
+
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+}
+
+TEST(CQuillLogger, SecondStartIsRefusedEvenAfterAFailedOpen) {
+    TempDir dir;
+    CQuillLoggerRef logger = fileLogger(dir / "a.log");
+    try {
+        logger->startupLogging(CString::create((dir / "b.log").string()), false);
+        FAIL() << "second start accepted";
+    } catch (const ferrocore::CParamException& e) {
+        EXPECT_STREQ(e.what(), "Logging started already");
+    }
+
+    CQuillLoggerRef failed = CQuillLogger::create();
+    const std::string unopenable = (dir / "missing" / "x.log").string();
+    StderrCapture capture;
+    failed->startupLogging(CString::create(unopenable), false);
+    failed->log(3) << "to stderr instead" << std::endl;
+    const std::string err = capture.text();
+    EXPECT_THAT(err, HasSubstr("CQuillLogger::startupLogging[" + kPid + "]: failed to open log file " + unopenable +
+                               ". Logging to stderr instead. The file likely already exists with prohibitive "
+                               "permissions - try deleting it.\n"));
+    EXPECT_THAT(err, HasSubstr("msg=\"to stderr instead\"/>\n"));
+    EXPECT_TRUE(failed->isStarted());
+    EXPECT_FALSE(failed->isLoggingToFile());
+    EXPECT_THROW(failed->startupLogging(CString::create((dir / "c.log").string()), false), ferrocore::CParamException);
+}
+
+// ------------------------------------------------------------------ records
+
+TEST(CQuillLogger, RecordsCarryLevelOnlyWhenNotThreeAndDisabledLevelsWriteNothing) {
+    TempDir dir;
+    const auto path = dir / "a.log";
+    CQuillLoggerRef logger = fileLogger(path);
+    logger->log(3) << "plain" << std::endl;
+    const std::size_t before = readFile(path).size();
+    CQuillLogger::OStream& disabled = logger->log(5);
+    EXPECT_EQ(disabled.kind(), CQuillLogger::OStream::kNullStream);
+    disabled << "hidden" << 42 << std::endl;
+    EXPECT_EQ(readFile(path).size(), before);
+
+    logger->setLogLevel(5);
+    logger->setLogLevel(5);  // unchanged: no second record
+    logger->log(5) << "detail" << std::endl;
+    logger->log(1) << "important" << std::endl;
+    const auto lines = linesOf(readFile(path));
+    ASSERT_EQ(lines.size(), 7u);
+    EXPECT_TRUE(matches(lines[3], recordPattern("plain"))) << lines[3];
+    EXPECT_TRUE(matches(lines[4], recordPattern("Setting log level = 5", 5))) << lines[4];
+    EXPECT_TRUE(matches(lines[5], recordPattern("detail", 5))) << lines[5];
+    EXPECT_TRUE(matches(lines[6], recordPattern("important", 1))) << lines[6];
+}
+
+TEST(CQuillLogger, PiecesJoinUntilALineFeedAndEveryOperandHasItsText) {
+    TempDir dir;
+    CQuillLoggerRef logger = fileLogger(dir / "a.log");
+    CQuillLogger::OStream& out = logger->log(3);
+    out << "a";
+    out << "b\n";
+    out << "x\n\n\n";
+    out << 42 << " items" << std::endl;
+    out << ferrocore::CStringRef() << " " << static_cast<const char*>(nullptr) << " " << true << " " << false << "\n";
+    out << ferrocore::CURL::create("file:///tmp/a%20b") << " " << ferrocore::CURLRef() << "\n";
+    out << std::hex << 255 << std::dec << " " << 255 << " " << 2.5 << " " << -7L << "\n";
+    out << quill::CTimeStamp(0.0) << "epoch\n";
+    out << "\n";  // a record without text writes nothing
+    out << "" << std::flush;
+
+    std::vector<std::string> messages;
+    for (const auto& element : elementsOf(*logger))
+        if (element->nodeName() == "log") messages.push_back(element->getAttributeValueAsString("msg")->utf8());
+    EXPECT_THAT(messages, testing::ElementsAre("ab", "x", "42 items", "null null true false",
+                                               "file:///tmp/a%20b null", "ff 255 2.5 -7",
+                                               "01/01/2001 00:00:00.000: epoch"));
+}
+
+TEST(CQuillLogger, TimeFieldsAreThoseOfTheTimeStampOfTheFirstPiece) {
+    TempDir dir;
+    CQuillLoggerRef logger = fileLogger(dir / "a.log");
+    quilltest::CFixedClockHost clock(817000123.4567);
+    {
+        quill::platform::CScopedHost scoped(clock);
+        logger->log(3) << "first piece ";
+        clock.setNow(817000999.0);
+        logger->log(3) << "end" << std::endl;
+    }
+    const auto elements = elementsOf(*logger);
+    const auto& record = elements.at(1);
+    const quill::CTimeStamp stamp(817000123.4567);
+    EXPECT_EQ(record->getAttributeValueAsString("tms")->utf8(), "817000123.457");
+    EXPECT_EQ(record->getAttributeValueAsString("tmt")->utf8(), stamp.text());
+
+
+    // The real clock's text follows a change of time zone at once, even
+    // within one second.
+    auto hourOf = [&] {
+        logger->log(3) << "now" << std::endl;
+        return std::stoi(elementsOf(*logger).back()->getAttributeValueAsString("tmt")->utf8().substr(11, 2));
+    };
+    const int utcHour = hourOf();
+    int tokyoHour;
+    {
+        quilltest::ScopedEnv tokyo("TZ", "Asia/Tokyo");
+        tokyoHour = hourOf();
+    }
+    const int backHour = hourOf();
+    EXPECT_TRUE(tokyoHour == (utcHour + 9) % 24 || tokyoHour == (utcHour + 10) % 24) << utcHour << " " << tokyoHour;
+    EXPECT_TRUE(backHour == utcHour || backHour == (utcHour + 1) % 24);
+}
+
+TEST(CQuillLogger, EscapingKeepsEveryRecordInsideTheDocument) {
+    struct Case {
+        std::string message;
+        unsigned level;
+        std::string expected;  // null-like "" means: unchanged
+    };
+    const std::vector<Case> cases = {
+        {"a < b", 3, "a %3C b"},
+        {"&amp;amp; stays", 3, ""},
+        {"Grüße, ünïcödé", 3, ""},
+        {"two\nlines", 3, ""},
+        {"x\" foo=\"1", 3, ""},                    // adds an attribute, which is allowed
+        {"x\" tms=\"1", 3, "x%22 tms=%221"},        // would duplicate a head attribute
+        {"x\" lvl=\"1", 3, ""},                    // level 3 records have no lvl
+        {"x\" lvl=\"1", 5, "x%22 lvl=%221"},
+        {"\"/><log msg=\"forged", 3, "%22/%3E%3Clog msg=%22forged"},
+        {std::string("bad \xff byte"), 3, "bad %FF byte"},
+        {"ctl \x01", 3, "ctl %01"},
+        {"& alone", 3, "%26 alone"},
+    };
+    for (const Case& c : cases) {
+        const auto message = CString::create(c.message);
+        const auto escaped = CQuillLogger::escapedString(message, c.level);
+        EXPECT_EQ(escaped->utf8(), c.expected.empty() ? c.message : c.expected) << c.message;
+        if (c.expected.empty()) {
+            EXPECT_EQ(escaped.get(), message.get()) << "unchanged text is not copied";
+        }
+    }
+    EXPECT_FALSE(CQuillLogger::escapedString(nullptr));
+    EXPECT_EQ(CQuillLogger::escapedString(CString::create(""))->utf8(), "");
+
+    // Whatever is written, the file stays one document with one element per
+    // record.
+    TempDir dir;
+    CQuillLoggerRef logger = fileLogger(dir / "a.log");
+    logger->setLogLevel(5);
+    for (const Case& c : cases) logger->log(c.level) << c.message << std::endl;
+    std::size_t records = 0;
+    for (const auto& element : elementsOf(*logger)) records += element->nodeName() == "log";
+    EXPECT_EQ(records, cases.size() + 1);  // and the level change
+}
+
+TEST(CQuillLogger, AFailedTargetThrowsKindThree) {
+    std::ostringstream target;
+    target.setstate(std::ios::failbit);
+    CQuillLoggerRef logger = CQuillLogger::create();
+    logger->startupLogging(CQuillLogger::OStreamRef(ferrocore::makeShared<CQuillLogger::OBufferStream>(
+        CQuillLogger::OStream::kNonFileStream, target, nullptr)));
+    try {
+        logger->log(3) << "lost";
+        FAIL() << "no exception";
+    } catch (const ferrocore::CException& e) {
+        EXPECT_EQ(e.kind(), 3);
+        EXPECT_STREQ(e.what(), "CQuillLogger::OStream stream error: exception flags = 4");
+    }
+}
+
+TEST(CQuillLogger, ThreadsNeverShareALine) {
+    TempDir dir;
+    CQuillLoggerRef logger = fileLogger(dir / "a.log");
+    constexpr int kThreads = 4, kRecords = 500;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            // One text per record: pieces written in several calls may take
+            // in another thread's pieces.
+            for (int i = 0; i < kRecords; ++i)
+                logger->log(3) << "thread " + std::to_string(t) + " record " + std::to_string(i) + "\n";
+        });
+    for (auto& thread : threads) thread.join();
+    std::vector<int> next(kThreads, 0);
+    for (const auto& element : elementsOf(*logger)) {
+        if (element->nodeName() != "log") continue;
+        int t = -1, i = -1;
+        ASSERT_EQ(std::sscanf(element->getAttributeValueAsString("msg")->c_str(), "thread %d record %d", &t, &i), 2);
+        EXPECT_EQ(i, next.at(static_cast<std::size_t>(t))++);
+    }
+    EXPECT_EQ(next, std::vector<int>(kThreads, kRecords));
+}
+
+// ---------------------------------------------------------- service starts
+
+void storeService(const char* name, std::int32_t level, bool truncate) {
+    quill::CServiceCacheFile cache;
+    quill::CServiceCacheEntry entry(PLString::create(name).get(), nullptr);
+    entry.setLogLevel(level, false);
+    entry.setTruncateLog(truncate, false);
+    cache.put(entry);
+    cache.flush();
+}
+
+TEST(CQuillLogger, ServiceStartReadsTheCacheAndNamesTheFile) {
+    quilltest::ConfigHome home;
+    quill::platform::CNotificationCenter center(quill::platform::makeLoopbackNotificationTransport());
+    quill::platform::CScopedNotificationCenter scopedCenter(center);
+    storeService("com.example.first", 4, false);
+    storeService("com.example.render", 5, true);
+
+    const auto directory = home.home() / "Library/Logs/Lumenforge";
+    const std::string expected = directory.string() + "//com.example.render-2.log";
+    std::filesystem::create_directories(directory);
+    quilltest::writeFile(directory / "com.example.render-2.log", "old text\n");
+    {
+        CQuillLoggerRef logger = CQuillLogger::create();
+        logger->startupLogging(true, CString::create("com.example.render"), 2);
+        EXPECT_EQ(logger->logFilePath()->utf8(), expected);
+        EXPECT_EQ(logger->logLevel(), 5u);
+        EXPECT_EQ(logger->serviceName()->utf8(), "com.example.render");
+        EXPECT_EQ(center.registrationCount(), 1u);
+    }
+    EXPECT_EQ(center.registrationCount(), 0u);
+    const std::string text = readFile(expected);
+    EXPECT_EQ(text.find("old text"), std::string::npos) << "the entry asks for truncation";
+    struct stat status {};
+    ASSERT_EQ(::stat(directory.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0700u);
+
+    // An unknown name takes the first entry; index 0 adds no suffix.
+    CQuillLoggerRef other = CQuillLogger::create();
+    other->startupLogging(true, CString::create("com.example.unknown"), 0);
+    EXPECT_EQ(other->logLevel(), 4u);
+    EXPECT_EQ(other->logFilePath()->utf8(), directory.string() + "//com.example.unknown.log");
+}
+
+TEST(CQuillLogger, PrefsChangesReReadTheLevelUnlessHeadlessAndNotAboutLogging) {
+    quilltest::ConfigHome home;
+    quill::platform::CNotificationCenter center(quill::platform::makeLoopbackNotificationTransport());
+    quill::platform::CScopedNotificationCenter scopedCenter(center);
+    storeService("com.example.render", 2, false);
+    CQuillLoggerRef logger = CQuillLogger::create();
+    logger->startupLogging(true, CString::create("com.example.render"), 0);
+    ASSERT_EQ(logger->logLevel(), 2u);
+    // Only a logger writing the service's own file knows its service.
+    CQuillLoggerRef toStderr = CQuillLogger::create();
+    toStderr->startupLogging(false, CString::create("com.example.render"), 0);
+    EXPECT_FALSE(toStderr->serviceName());
+
+    namespace qn = quill::QuillNotification;
+    auto post = [&](PLDictionaryRef info, PLStringRef sender) {
+        center.post(qn::kQuillPrefsChangedNotification, sender, info);
+        quill::platform::CRunLoop::current().runFor(0.05);
+    };
+    storeService("com.example.render", 6, false);
+    auto headless = PLMutableDictionary::create();
+    headless->set(PLHolder<const PLObject>::retain(quill::QuillCorePrivate::kDictKeyHeadless),
+                  PLHolder<const PLObject>::retain(kPLBooleanTrue));
+    post(headless.get(), qn::kPrefExternalID);
+    EXPECT_EQ(logger->logLevel(), 2u) << "headless change without logging";
+    post(nullptr, qn::kPrefPaneBundleID);
+    EXPECT_EQ(logger->logLevel(), 2u) << "another sender";
+    headless->set(PLHolder<const PLObject>::retain(quill::QuillCorePrivate::kDictKeyLogging),
+                  PLHolder<const PLObject>::retain(kPLBooleanTrue));
+    post(headless.get(), qn::kPrefExternalID);
+    EXPECT_EQ(logger->logLevel(), 6u);
+    EXPECT_EQ(toStderr->logLevel(), 2u);
+    EXPECT_NE(readFile(logger->logFilePath()->utf8()).find("lvl=\"6\" msg=\"Setting log level = 6\""),
+              std::string::npos);
+
+    logger->setPrefsChangedHandler(false);
+    storeService("com.example.render", 1, false);
+    post(nullptr, qn::kPrefExternalID);
+    EXPECT_EQ(logger->logLevel(), 6u);
+}
+
+// ------------------------------------------------------------------- marks
+
+TEST(CQuillLoggerMarks, AttributesKindsAndScopes) {
+    using Mark = CQuillLogger::CMark;
+    const Mark plain(Mark::kMarkPlain, CString::create("work"), nullptr, nullptr);
+    std::vector<std::string> names;
+    for (const auto& attribute : plain.document()->childAtIndex(0)->attributes()) names.push_back(attribute.name);
+    EXPECT_THAT(names, testing::ElementsAre("tms", "tmt", "pid", "what"));
+    EXPECT_EQ(plain.markKind(), Mark::kMarkPlain);
+    EXPECT_FALSE(plain.message());
+
+    const Mark full(Mark::kMarkEnd, CString::create("w"), CString::create("m \"q\""), CString::create("r-1"));
+    names.clear();
+    for (const auto& attribute : full.document()->childAtIndex(0)->attributes()) names.push_back(attribute.name);
+    EXPECT_THAT(names, testing::ElementsAre("tms", "tmt", "pid", "kind", "what", "req-id", "msg"));
+    EXPECT_EQ(full.requestID()->utf8(), "r-1");
+    EXPECT_EQ(full.message()->utf8(), "m \"q\"");
+
+    auto read = [](const char* text) { return Mark(ferrocore::CXMLService::create(text)).markKind(); };
+    EXPECT_EQ(read(R"(<mrk kind="begin"/>)"), Mark::kMarkBegin);
+    EXPECT_EQ(read(R"(<mrk kind=""/>)"), Mark::kMarkPlain);
+    EXPECT_EQ(read(R"(<mrk kind="later"/>)"), Mark::kMarkUnknown);
+    EXPECT_TRUE(Mark::isMark(*ferrocore::CXMLService::create("<mrk/>")->childAtIndex(0)));
+    EXPECT_FALSE(Mark::isMark(*ferrocore::CXMLService::create("<log/>")->childAtIndex(0)));
+
+    TempDir dir;
+    CQuillLoggerRef logger = fileLogger(dir / "a.log");
+    {
+        CQuillLogger::CScopeMarker scope(CString::create("render"), logger->log(3), CString::create("frame 7"));
+        logger->log(3) << "inside" << std::endl;
+    }
+    const auto lines = linesOf(readFile(dir / "a.log"));
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_TRUE(matches(lines[3], "<mrk " + kTimes + " pid=\"" + kPid + R"(" kind="begin" what="render" msg="frame 7"/>)"))
+        << lines[3];
+    EXPECT_TRUE(matches(lines[5], "<mrk " + kTimes + " pid=\"" + kPid + R"(" kind="end" what="render"/>)")) << lines[5];
+}
+
+TEST(CQuillLoggerMarks, LogQueries) {
+    TempDir dir;
+    CQuillLoggerRef logger = fileLogger(dir / "a.log");
+    logger->log(3) << "one" << std::endl;
+    EXPECT_EQ(logger->logDataAsString()->utf8(), readFile(dir / "a.log") + "</logs>\n");
+
+    // An empty file stays empty: there is nothing to close.
+    std::ostringstream empty;
+    EXPECT_EQ(CQuillLogger::logDataAsString(CString::create((dir / "none.log").string()))->utf8(), "");
+
+    CQuillLoggerRef toStderr = CQuillLogger::create();
+    toStderr->startupLogging(CString::create("/dev/stderr"), false);
+    const auto notFile = ferrocore::CXMLService::create(toStderr->logDataAsString()->utf8())->childAtIndex(0);
+    ASSERT_EQ(notFile->childCount(), 1u);
+    const auto record = notFile->childAtIndex(0);
+    EXPECT_EQ(record->getAttributeValueAsString("msg")->utf8(), "Not logging to file.");
+    EXPECT_EQ(record->getAttributeValueAsString("kind")->utf8(), "mrk");
+    EXPECT_EQ(record->getAttributeValueAsString("what")->utf8(), "get-log");
+
+    const char* texts[] = {"Service is down.", "Logger not available.", "Get log query not supported.",
+                           "Not logging to file.", "Log data not XML parsable.", "Log error.", "Log error."};
+    for (int kind = 0; kind < 7; ++kind) {
+        const std::string text = CQuillLogger::logErrorDataAsString(kind == 6 ? -1 : kind)->utf8();
+        EXPECT_THAT(text, HasSubstr(std::string(" msg=\"") + texts[kind] + "\"/>\n</logs>\n")) << kind;
+        EXPECT_TRUE(text.starts_with("<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n<logs "));
+    }
+}
+
+// ----------------------------------------------------------- global logger
+
+TEST(CQuillGlobalLogger, MadeOnDemandOnStderrAndReplaceable) {
+    quilltest::ConfigHome home;
+    quill::platform::CNotificationCenter center(quill::platform::makeLoopbackNotificationTransport());
+    quill::platform::CScopedNotificationCenter scopedCenter(center);
+    CQuillGlobalLogger::setLogger(nullptr);
+    {
+        StderrCapture capture;
+        CQuillGlobalLogger::log(3) << "first words" << std::endl;
+        EXPECT_THAT(capture.text(), HasSubstr("msg=\"first words\"/>"));
+    }
+    CQuillLoggerRef onDemand = CQuillGlobalLogger::getLogger();
+    EXPECT_EQ(onDemand->retainCount(), 2);
+
+    TempDir dir;
+    CQuillGlobalLogger::setLogger(fileLogger(dir / "g.log"));
+    EXPECT_EQ(onDemand->retainCount(), 1) << "the stderr logger is let go";
+    CQuillGlobalLogger::serviceLog(3) << "to the file" << std::endl;
+    EXPECT_THAT(readFile(dir / "g.log"), HasSubstr("msg=\"to the file\"/>"));
+
+    CQuillGlobalLogger::setLogger(nullptr);
+    CQuillLoggerRef fresh = CQuillGlobalLogger::getLogger();
+    EXPECT_NE(fresh.get(), onDemand.get());
+    EXPECT_FALSE(fresh->isLoggingToFile());
+    CQuillGlobalLogger::setLogger(nullptr);
+}
+
+}  // namespace

@@ -4,7 +4,7 @@
 #   bash bench/run.sh [BUILD_DIR]          (default build/bench)
 set -euo pipefail
 build="${1:-build/bench}"
-for name in plist_bench plist_file_bench md5_bench bus_bench task_bench; do
+for name in plist_bench plist_file_bench md5_bench bus_bench task_bench log_bench; do
     echo "=== $name"
     "$build/bench/$name"
 done

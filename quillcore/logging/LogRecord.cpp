@@ -204,7 +204,7 @@ struct PlainTable {
     bool plain[128] = {};
     constexpr PlainTable() {
         for (int c = 0x20; c < 0x80; ++c) plain[c] = c != '"' && c != '<' && c != '&';
-        plain['\t'] = plain['\n'] = plain['\r'] = true;
+        plain[0x09] = plain[0x0A] = plain[0x0D] = true;  // tab, line feed, carriage return
     }
 };
 constexpr PlainTable kPlain;

@@ -30,3 +30,11 @@ echo "\$ quillctl services list";        HOME="$demo_home" "$q" services list
 echo "\$ quillctl digest $sample README.md"
 "$q" digest "$sample" README.md
 echo "(md5sum says:)"; md5sum "$sample" README.md
+# The log format: two scripted records, one of them needing escaping.
+log="$demo_home/demo.log"
+echo "\$ quillctl log write demo.log 'render queue started'"
+"$q" log write "$log" "render queue started"
+echo "\$ quillctl log write demo.log --level 5 'frame 7 < frame 8 & \"done\"'"
+"$q" log write "$log" --level 5 'frame 7 < frame 8 & "done"'
+echo "\$ cat demo.log"; cat "$log"
+echo "\$ quillctl log show demo.log"; "$q" log show "$log"

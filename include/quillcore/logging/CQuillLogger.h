@@ -230,6 +230,11 @@ public:
     OStream& operator<<(const CMark& mark);
     // "true" or "false", as text.
     OStream& operator<<(bool value);
+    // One character, as text (as standard streams print characters; a line
+    // feed ends the record).
+    OStream& operator<<(char value) { return *this << std::string_view(&value, 1); }
+    OStream& operator<<(signed char value) { return *this << static_cast<char>(value); }
+    OStream& operator<<(unsigned char value) { return *this << static_cast<char>(value); }
     // The time text and ": ", as text.
     OStream& operator<<(const CTimeStamp& stamp);
     // Numbers and pointers: standard stream formatting, appended to the

@@ -189,7 +189,7 @@ TEST(CQuillLogger, PiecesJoinUntilALineFeedAndEveryOperandHasItsText) {
     out << 42 << " items" << std::endl;
     out << ferrocore::CStringRef() << " " << static_cast<const char*>(nullptr) << " " << true << " " << false << "\n";
     out << ferrocore::CURL::create("file:///tmp/a%20b") << " " << ferrocore::CURLRef() << "\n";
-    out << std::hex << 255 << std::dec << " " << 255 << " " << 2.5 << " " << -7L << "\n";
+    out << std::hex << 255 << std::dec << ' ' << 255 << " " << 2.5 << " " << -7L << '\n';
     out << quill::CTimeStamp(0.0) << "epoch\n";
     out << "\n";  // a record without text writes nothing
     out << "" << std::flush;

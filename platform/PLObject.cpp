@@ -544,23 +544,33 @@ void PLMutableArray::removeAll() noexcept { _values.clear(); }
 
 // ---------------------------------------------------------------- dictionary
 
-PLDictionary::PLDictionary(bool isMutable, std::vector<PLDictionaryEntry>&& entries)
-    : PLObject(PLTypeID::Dictionary, isMutable) {
-    // Compact in place: drop null pairs and fold equal keys (last value wins,
-    // at the first key's place), indexing as we go when the count calls for it.
+namespace {
+
+// Compacts `entries` in place: drops the pairs with a null key or value and
+// folds equal keys (the last value wins, at the first key's place), filling
+// `index` as it goes when the count calls for one. With `hashes`, hashes[i]
+// is entries[i].first->hash(); it is compacted along with the entries, and
+// keys are compared only when their hashes are equal, so that keys made long
+// before (by a reader) need not be fetched again.
+void compactEntries(std::vector<PLDictionaryEntry>& entries, std::vector<std::uint32_t>& index,
+                    std::size_t* hashes) {
     const std::size_t n = entries.size();
-    if (n > kIndexThreshold) _index.assign(capacityFor(n), 0);
-    const std::size_t mask = _index.size() - 1;
+    if (n > kIndexThreshold) index.assign(capacityFor(n), 0);
+    const std::size_t mask = index.size() - 1;
+    auto sameAs = [&](std::size_t j, std::size_t hash, const PLObject& key) {
+        return (!hashes || hashes[j] == hash) && sameKey(*entries[j].first, key);
+    };
     std::size_t out = 0;
     for (std::size_t i = 0; i < n; ++i) {
         PLDictionaryEntry& e = entries[i];
         if (!e.first || !e.second) continue;
+        const std::size_t hash = hashes ? hashes[i] : index.empty() ? 0 : e.first->hash();
         std::ptrdiff_t same = -1;
         std::size_t pos = 0;
-        if (!_index.empty()) {
-            pos = e.first->hash() & mask;
-            while (const std::uint32_t slot = _index[pos]) {
-                if (sameKey(*entries[slot - 1].first, *e.first)) {
+        if (!index.empty()) {
+            pos = hash & mask;
+            while (const std::uint32_t slot = index[pos]) {
+                if (sameAs(slot - 1, hash, *e.first)) {
                     same = slot - 1;
                     break;
                 }
@@ -568,7 +578,7 @@ PLDictionary::PLDictionary(bool isMutable, std::vector<PLDictionaryEntry>&& entr
             }
         } else {
             for (std::size_t j = 0; j < out; ++j) {
-                if (sameKey(*entries[j].first, *e.first)) {
+                if (sameAs(j, hash, *e.first)) {
                     same = static_cast<std::ptrdiff_t>(j);
                     break;
                 }
@@ -578,13 +588,23 @@ PLDictionary::PLDictionary(bool isMutable, std::vector<PLDictionaryEntry>&& entr
             entries[static_cast<std::size_t>(same)].second = std::move(e.second);
             continue;
         }
-        if (out != i) entries[out] = std::move(e);
+        if (out != i) {
+            entries[out] = std::move(e);
+            if (hashes) hashes[out] = hash;
+        }
         ++out;
-        if (!_index.empty()) _index[pos] = static_cast<std::uint32_t>(out);
+        if (!index.empty()) index[pos] = static_cast<std::uint32_t>(out);
     }
     entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(out), entries.end());
+    if (entries.size() <= kIndexThreshold && !index.empty()) std::vector<std::uint32_t>().swap(index);
+}
+
+}  // namespace
+
+PLDictionary::PLDictionary(bool isMutable, std::vector<PLDictionaryEntry>&& entries)
+    : PLObject(PLTypeID::Dictionary, isMutable) {
+    compactEntries(entries, _index, nullptr);
     _entries = std::move(entries);
-    if (_entries.size() <= kIndexThreshold && !_index.empty()) std::vector<std::uint32_t>().swap(_index);
 }
 
 PLHolder<const PLDictionary> PLDictionary::createFromEntries(std::vector<PLDictionaryEntry>&& entries) {
@@ -919,13 +939,17 @@ PLHolder<const PLArray> PLObjectFactory::array(std::vector<PLHolder<const PLObje
     return PLHolder<const PLArray>::adopt(mark(new (at) PLArray(false, std::move(values))));
 }
 
-PLHolder<const PLDictionary> PLObjectFactory::dictionary(std::vector<PLDictionaryEntry>&& entries) {
+PLHolder<const PLDictionary> PLObjectFactory::dictionary(std::vector<PLDictionaryEntry>&& entries,
+                                                         std::size_t* keyHashes) {
+    // Compacted and indexed first, so that nothing is left to fail once the
+    // room for the dictionary is taken.
+    std::vector<std::uint32_t> index;
+    compactEntries(entries, index, keyHashes);
     void* at = allocate(sizeof(PLDictionary));
-    if (!at) return PLDictionary::createFromEntries(std::move(entries));
-    try {
-        return PLHolder<const PLDictionary>::adopt(mark(new (at) PLDictionary(false, std::move(entries))));
-    } catch (...) {
-        --_made;  // the room stays unused; the block must not wait for it
-        throw;
-    }
+    PLDictionary* dict = at ? mark(new (at) PLDictionary(false, {})) : new PLDictionary(false, {});
+    dict->_entries = std::move(entries);
+    dict->_index = std::move(index);
+    return PLHolder<const PLDictionary>::adopt(dict);
 }
+
+std::size_t PLObjectFactory::stringHash(std::string_view utf8) noexcept { return hashBytes(utf8); }

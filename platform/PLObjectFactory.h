@@ -48,7 +48,12 @@ public:
     PLHolder<const PLDate> date(double at);
     PLHolder<const PLData> data(std::vector<std::uint8_t>&& bytes);
     PLHolder<const PLArray> array(std::vector<PLHolder<const PLObject>>&& values);
-    PLHolder<const PLDictionary> dictionary(std::vector<PLDictionaryEntry>&& entries);
+    // As PLDictionary::createFromEntries. When given, keyHashes[i] must be
+    // entries[i].first->hash(); the array is overwritten.
+    PLHolder<const PLDictionary> dictionary(std::vector<PLDictionaryEntry>&& entries,
+                                            std::size_t* keyHashes = nullptr);
+    // What hash() returns for a string of these bytes.
+    static std::size_t stringHash(std::string_view utf8) noexcept;
 
     // Called by PLObject::destroy() for a pooled value, after its destructor.
     static void releasePooled(const void* value) noexcept;

@@ -15,11 +15,14 @@
 #include <expat.h>
 
 #include <array>
+#include <bit>
+#include <cfloat>
 #include <charconv>
 #include <cstring>
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <random>
 #include <vector>
 
 namespace {
@@ -71,12 +74,94 @@ Element classify(const char* name) noexcept {
     }
 }
 
-bool isXMLSpace(char c) noexcept { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+constexpr std::uint64_t kXMLSpaceBits = (std::uint64_t{1} << ' ') | (std::uint64_t{1} << '\t') |
+                                        (std::uint64_t{1} << '\n') | (std::uint64_t{1} << '\r');
 
-std::string_view trim(std::string_view s) noexcept {
+bool isXMLSpace(char c) noexcept {
+    const auto u = static_cast<unsigned char>(c);
+    return u <= ' ' && ((kXMLSpaceBits >> u) & 1) != 0;
+}
+
+[[gnu::noinline]] std::string_view trimSlow(std::string_view s) noexcept {
     while (!s.empty() && isXMLSpace(s.front())) s.remove_prefix(1);
     while (!s.empty() && isXMLSpace(s.back())) s.remove_suffix(1);
     return s;
+}
+
+// Numbers and dates rarely come with white space around them.
+inline std::string_view trim(std::string_view s) noexcept {
+    if (!s.empty() && !isXMLSpace(s.front()) && !isXMLSpace(s.back())) return s;
+    return trimSlow(s);
+}
+
+// Whether `text` (at most 19 bytes) is all decimal digits; if so, *value is
+// their number. Whole runs of eight digits are checked and converted at once
+// in a 64-bit word: a byte b is a digit exactly when neither b + 0x46 nor
+// b - 0x30 has its high bit set, and as the lowest byte that is not a digit
+// gets no carry or borrow from below, that test cannot miss it.
+bool readDigits(std::string_view text, std::uint64_t* value) noexcept {
+    const char* p = text.data();
+    std::size_t n = text.size();
+    std::uint64_t v = 0;
+    if constexpr (std::endian::native == std::endian::little) {
+        for (; n >= 8; p += 8, n -= 8) {
+            std::uint64_t w;
+            std::memcpy(&w, p, 8);
+            if (((w + 0x4646464646464646) | (w - 0x3030303030303030)) & 0x8080808080808080) return false;
+            // Digit values, then pairs, then the whole: the first byte is the
+            // most significant digit.
+            w -= 0x3030303030303030;
+            w = w * 10 + (w >> 8);
+            w = (((w & 0x000000FF000000FF) * (100 + (std::uint64_t{1000000} << 32))) +
+                 (((w >> 16) & 0x000000FF000000FF) * (1 + (std::uint64_t{10000} << 32)))) >>
+                32;
+            v = v * 100000000 + w;
+        }
+    }
+    for (; n > 0; ++p, --n) {
+        const unsigned d = static_cast<unsigned>(static_cast<unsigned char>(*p)) - '0';
+        if (d > 9) return false;
+        v = v * 10 + d;
+    }
+    *value = v;
+    return true;
+}
+
+// Powers of ten that a double holds exactly.
+constexpr double kExactPowersOf10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                       1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// The usual form of a real, [-]digits[.digits] without an exponent, whose
+// digits make an integer m of at most 2^53 with k <= 22 of them after the
+// point: then m and 10^k are exact doubles and one division rounds m / 10^k
+// correctly, which is what from_chars would return. False for anything else.
+bool readPlainDecimal(std::string_view text, double* out) noexcept {
+    if constexpr (FLT_EVAL_METHOD != 0) return false;  // the division must round once, in double
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    const bool negative = p != end && *p == '-';
+    p += negative;
+    std::uint64_t mantissa = 0;
+    int digits = 0;
+    int afterPoint = 0;
+    bool point = false;
+    for (; p != end; ++p) {
+        const unsigned d = static_cast<unsigned>(static_cast<unsigned char>(*p)) - '0';
+        if (d < 10) {
+            if (++digits > 19) return false;  // m could wrap
+            mantissa = mantissa * 10 + d;
+            afterPoint += point;
+        } else if (*p == '.' && !point) {
+            point = true;
+        } else {
+            return false;
+        }
+    }
+    if (digits == 0 || mantissa > (std::uint64_t{1} << 53) || afterPoint >= static_cast<int>(std::size(kExactPowersOf10)))
+        return false;
+    const double value = static_cast<double>(mantissa) / kExactPowersOf10[afterPoint];
+    *out = negative ? -value : value;
+    return true;
 }
 
 // A short, quoted excerpt of text for messages.
@@ -95,28 +180,46 @@ std::string quote(std::string_view s) {
     return q;
 }
 
-constexpr std::int8_t kB64Invalid = -1;
-constexpr std::int8_t kB64Space = -2;
-constexpr std::int8_t kB64Pad = -3;
+// For decoding base64 four symbols at once: a symbol's value shifted to its
+// place in the 24 bits of a group of four, and a high bit for anything that
+// is not a symbol.
+constexpr std::uint32_t kNotBase64 = std::uint32_t{1} << 31;
 
-constexpr std::array<std::int8_t, 256> makeBase64Table() {
-    std::array<std::int8_t, 256> t{};
-    for (auto& v : t) v = kB64Invalid;
+constexpr std::array<std::array<std::uint32_t, 256>, 4> makeBase64Table() {
+    std::array<std::array<std::uint32_t, 256>, 4> t{};
     constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (int i = 0; i < 64; ++i) t[static_cast<unsigned char>(kAlphabet[i])] = static_cast<std::int8_t>(i);
-    t[' '] = t['\t'] = t['\n'] = t['\r'] = kB64Space;
-    t['='] = kB64Pad;
+    for (std::size_t place = 0; place < 4; ++place) {
+        t[place].fill(kNotBase64);
+        for (std::uint32_t v = 0; v < 64; ++v)
+            t[place][static_cast<unsigned char>(kAlphabet[v])] = v << (6 * (3 - place));
+    }
     return t;
 }
-constexpr std::array<std::int8_t, 256> kBase64Value = makeBase64Table();
+constexpr std::array<std::array<std::uint32_t, 256>, 4> kBase64 = makeBase64Table();
+
+// expat seeds the hash tables of every document afresh from the system (a
+// getrandom call per document) unless it is given a seed. One drawn from the
+// system when a reader is made is as unknown to the authors of the documents
+// it reads, and saves small documents that call. Zero means none could be
+// drawn: expat then draws its own.
+unsigned long drawHashSalt() noexcept {
+    try {
+        std::random_device device;
+        const std::uint64_t salt = (std::uint64_t{device()} << 32) ^ device();
+        return static_cast<unsigned long>(salt) | 1;
+    } catch (...) {
+        return 0;
+    }
+}
 
 // One reader per thread is kept and reused (see readXML), so that the expat
 // parser, the operand stack and the text buffer are allocated once rather
 // than per document.
 class XMLReader {
 public:
-    XMLReader() : _parser(XML_ParserCreate(nullptr)) {
+    XMLReader() : _parser(XML_ParserCreate(nullptr)), _hashSalt(drawHashSalt()) {
         if (!_parser) throw std::bad_alloc();
+        makeTextBuffer(kFirstText);
     }
     ~XMLReader() { XML_ParserFree(_parser); }
     XMLReader(const XMLReader&) = delete;
@@ -138,6 +241,9 @@ private:
     // kept for the next one.
     static constexpr std::size_t kKeptValues = std::size_t{1} << 16;
     static constexpr std::size_t kKeptText = 64 * 1024;
+    static constexpr std::size_t kFirstText = 1024;
+    // Writable bytes past the capacity of the text buffer (see makeData).
+    static constexpr std::size_t kTextSlack = 8;
     // Documents from this size on have their values pooled (see
     // PLObjectFactory); smaller ones would not fill a block.
     static constexpr std::size_t kPooledDocumentSize = kPLSlabSize;
@@ -145,11 +251,10 @@ private:
     void recycle() noexcept {
         _frames.clear();
         _values.clear();
+        _keyHashes.clear();
         if (_values.capacity() > kKeptValues) std::vector<PLHolder<const PLObject>>().swap(_values);
-        if (_textCapacity > kKeptText) {
-            _textBuffer.reset();
-            _textCapacity = 0;
-        }
+        if (_keyHashes.capacity() > kKeptValues) std::vector<std::size_t>().swap(_keyHashes);
+        if (_textCapacity > kKeptText) makeTextBuffer(kFirstText);
         _textSize = 0;
         _inLeaf = false;
         _failed = false;
@@ -160,6 +265,7 @@ private:
 
     PLHolder<const PLObject> run(const char* bytes, std::size_t size, std::string* error) {
         if (!XML_ParserReset(_parser, nullptr)) throw std::bad_alloc();
+        if (_hashSalt) XML_SetHashSalt(_parser, _hashSalt);
         XML_SetUserData(_parser, this);
         XML_SetElementHandler(_parser, &XMLReader::onStart, &XMLReader::onEnd);
         XML_SetCharacterDataHandler(_parser, &XMLReader::onText);
@@ -193,6 +299,7 @@ private:
     struct Frame {
         Element kind;
         std::uint32_t base;  // first operand-stack slot of this container's elements
+        std::uint32_t keys;  // first slot of a dictionary's key hashes in _keyHashes
     };
 
     std::string position() const {
@@ -206,6 +313,11 @@ private:
         _error = position();
         _error.append(problem);
         XML_StopParser(_parser, XML_FALSE);
+        // expat may still report an event or two after stopping; with the
+        // handlers gone, none of them reaches us, and the handlers need not
+        // check for an earlier failure.
+        XML_SetElementHandler(_parser, nullptr, nullptr);
+        XML_SetCharacterDataHandler(_parser, nullptr);
     }
 
     // The handlers keep their common paths small; everything unusual goes to
@@ -214,12 +326,11 @@ private:
         static_cast<XMLReader*>(self)->start(name);
     }
     static void XMLCALL onEnd(void* self, const XML_Char*) { static_cast<XMLReader*>(self)->end(); }
+    // Most calls bring the white space between elements (expat reports each
+    // line break on its own), so that path must not even need a stack frame.
     static void XMLCALL onText(void* self, const XML_Char* s, int len) {
         auto* reader = static_cast<XMLReader*>(self);
-        if (reader->_inLeaf) {
-            reader->appendText(s, static_cast<std::size_t>(len));
-            return;
-        }
+        if (reader->_inLeaf) return reader->appendText(s, static_cast<std::size_t>(len));
         for (int i = 0; i < len; ++i) {
             if (!isXMLSpace(s[i])) return reader->strayText(s, static_cast<std::size_t>(len));
         }
@@ -236,7 +347,6 @@ private:
     static bool isContainer(Element kind) noexcept { return kind == Element::Dict || kind == Element::Array; }
 
     void start(const char* name) {
-        if (_failed) return;
         const Element kind = classify(name);
         if (_inLeaf || kind == Element::Unknown || kind == Element::Plist || _frames.empty())
             return unusualStart(kind, name);
@@ -245,15 +355,17 @@ private:
         const bool fits = parent.kind == Element::Dict ? ((held % 2 == 0) == (kind == Element::Key))
                                                        : (kind != Element::Key && (parent.kind == Element::Array || held == 0));
         if (!fits) return misplaced(kind);
-        if (isContainer(kind)) {
-            if (_frames.size() >= plimpl::kMaxDepth)
-                return fail("elements nested more than " + std::to_string(plimpl::kMaxDepth) + " deep");
-            _frames.push_back({kind, static_cast<std::uint32_t>(_values.size())});
-            return;
-        }
+        if (isContainer(kind)) return open(kind);
         _inLeaf = true;
         _leaf = kind;
         _textSize = 0;
+    }
+
+    [[gnu::noinline]] void open(Element kind) {
+        if (_frames.size() >= plimpl::kMaxDepth)
+            return fail("elements nested more than " + std::to_string(plimpl::kMaxDepth) + " deep");
+        _frames.push_back({kind, static_cast<std::uint32_t>(_values.size()),
+                           static_cast<std::uint32_t>(_keyHashes.size())});
     }
 
     [[gnu::cold, gnu::noinline]] void unusualStart(Element kind, const char* name) {
@@ -262,7 +374,8 @@ private:
         if (!_frames.empty()) return fail("<plist> inside a property list");
         if (kind != Element::Plist)
             return fail(std::string("the root element is <") + elementName(kind) + ">, not <plist>");
-        _frames.push_back({Element::Plist, static_cast<std::uint32_t>(_values.size())});
+        _frames.push_back({Element::Plist, static_cast<std::uint32_t>(_values.size()),
+                           static_cast<std::uint32_t>(_keyHashes.size())});
     }
 
     [[gnu::cold, gnu::noinline]] void misplaced(Element kind) {
@@ -286,16 +399,25 @@ private:
     }
 
     void appendText(const char* s, std::size_t len) {
-        if (len > _textCapacity - _textSize) growText(len);
-        std::memcpy(_textBuffer.get() + _textSize, s, len);
+        if (len > _textCapacity - _textSize) return growAndAppendText(s, len);
+        char* const to = _textBuffer.get() + _textSize;
         _textSize += len;
+        std::memcpy(to, s, len);  // last, so that it is a tail call
+    }
+
+    [[gnu::noinline]] void growAndAppendText(const char* s, std::size_t len) {
+        growText(len);
+        appendText(s, len);
     }
 
     [[gnu::noinline]] void growText(std::size_t len) {
-        const std::size_t capacity = std::max(_textCapacity * 2, _textSize + len + 256);
-        auto bigger = std::make_unique<char[]>(capacity);
-        if (_textSize) std::memcpy(bigger.get(), _textBuffer.get(), _textSize);
-        _textBuffer = std::move(bigger);
+        std::unique_ptr<char[]> old = std::move(_textBuffer);
+        makeTextBuffer(std::max(_textCapacity * 2, _textSize + len));
+        std::memcpy(_textBuffer.get(), old.get(), _textSize);
+    }
+
+    void makeTextBuffer(std::size_t capacity) {
+        _textBuffer = std::make_unique<char[]>(capacity + kTextSlack);
         _textCapacity = capacity;
     }
 
@@ -306,15 +428,29 @@ private:
         fail("unexpected text " + quote(trim(std::string_view(s, len))) + " in <" + where + ">");
     }
 
+    // Keys and strings, the most common leaves, are made here; the other
+    // kinds in functions of their own, so that this path stays short.
     void end() {
-        if (_failed) return;
-        if (_inLeaf) {
-            _inLeaf = false;
-            if (PLHolder<const PLObject> leaf = makeLeaf()) _values.push_back(std::move(leaf));
-            return;
+        if (!_inLeaf) return endContainer();
+        _inLeaf = false;
+        switch (_leaf) {
+            case Element::Key:
+                // Hashed now, while its bytes are at hand, for the
+                // dictionary's index.
+                _keyHashes.push_back(PLObjectFactory::stringHash(leafText()));
+                return push(_factory->string(leafText()));
+            case Element::String:
+                if (_mutableLeaves) return push(PLMutableString::create(leafText()));
+                return push(_factory->string(leafText()));
+            case Element::Integer: return makeInteger();
+            case Element::Real: return makeReal();
+            case Element::Date: return makeDate();
+            case Element::Data: return makeData();
+            default: return makeBoolean();
         }
-        endContainer();
     }
+
+    void push(PLHolder<const PLObject>&& value) { _values.push_back(std::move(value)); }
 
     void endContainer() {
         const Frame frame = _frames.back();
@@ -347,34 +483,24 @@ private:
                 if (_mutableContainers)
                     _values.push_back(PLMutableDictionary::createFromEntries(std::move(entries)));
                 else
-                    _values.push_back(_factory->dictionary(std::move(entries)));
+                    _values.push_back(_factory->dictionary(std::move(entries), _keyHashes.data() + frame.keys));
+                _keyHashes.resize(frame.keys);
                 return;
             }
         }
     }
 
-    PLHolder<const PLObject> makeLeaf() {
-        switch (_leaf) {
-            case Element::Key: return _factory->string(leafText());
-            case Element::String:
-                if (_mutableLeaves) return PLMutableString::create(leafText());
-                return _factory->string(leafText());
-            case Element::Integer: return makeInteger();
-            case Element::Real: return makeReal();
-            case Element::Date: return makeDate();
-            case Element::Data: return makeData();
-            case Element::True:
-            case Element::False:
-                if (!trim(leafText()).empty()) {
-                    fail(std::string("text inside <") + elementName(_leaf) + "/>");
-                    return nullptr;
-                }
-                return PLHolder<const PLObject>::retain(PLBoolean::get(_leaf == Element::True));
-            default: return nullptr;
-        }
+    [[gnu::noinline]] void makeBoolean() {
+        if (!trim(leafText()).empty()) return fail(std::string("text inside <") + elementName(_leaf) + "/>");
+        push(PLHolder<const PLObject>::retain(PLBoolean::get(_leaf == Element::True)));
     }
 
-    PLHolder<const PLObject> makeInteger() {
+    // A leaf's text is quoted in messages as it stood, white space trimmed.
+    [[gnu::cold, gnu::noinline]] void invalidLeaf(const char* what, const char* why = "") {
+        fail(what + quote(trim(leafText())) + why);
+    }
+
+    [[gnu::noinline]] void makeInteger() {
         const std::string_view t = trim(leafText());
         std::string_view digits = t;
         bool negative = false;
@@ -388,53 +514,37 @@ private:
             digits.remove_prefix(2);
         }
         // Up to 18 decimal digits cannot overflow: the common case, done inline.
-        if (base == 10 && !digits.empty() && digits.size() <= 18) {
-            std::int64_t value = 0;
-            bool digitsOnly = true;
-            for (const char c : digits) {
-                if (c < '0' || c > '9') {
-                    digitsOnly = false;
-                    break;
-                }
-                value = value * 10 + (c - '0');
-            }
-            if (digitsOnly) return _factory->integer(negative ? -value : value);
+        std::uint64_t small = 0;
+        if (base == 10 && !digits.empty() && digits.size() <= 18 && readDigits(digits, &small)) {
+            const auto value = static_cast<std::int64_t>(small);
+            return push(_factory->integer(negative ? -value : value));
         }
         std::uint64_t magnitude = 0;
         const char* const end = digits.data() + digits.size();
         const auto [ptr, ec] = std::from_chars(digits.data(), end, magnitude, base);
-        if (digits.empty() || ptr != end || (ec != std::errc() && ec != std::errc::result_out_of_range)) {
-            fail("invalid integer " + quote(t));
-            return nullptr;
-        }
+        if (digits.empty() || ptr != end || (ec != std::errc() && ec != std::errc::result_out_of_range))
+            return invalidLeaf("invalid integer ");
         constexpr std::uint64_t kMaxPositive = std::numeric_limits<std::int64_t>::max();
-        if (ec == std::errc::result_out_of_range || magnitude > kMaxPositive + (negative ? 1 : 0)) {
-            fail("integer out of the 64-bit range " + quote(t));
-            return nullptr;
-        }
-        return _factory->integer(negative ? static_cast<std::int64_t>(0 - magnitude)
-                                          : static_cast<std::int64_t>(magnitude));
+        if (ec == std::errc::result_out_of_range || magnitude > kMaxPositive + (negative ? 1 : 0))
+            return invalidLeaf("integer out of the 64-bit range ");
+        push(_factory->integer(negative ? static_cast<std::int64_t>(0 - magnitude)
+                                        : static_cast<std::int64_t>(magnitude)));
     }
 
-    PLHolder<const PLObject> makeReal() {
-        const std::string_view t = trim(leafText());
-        std::string_view number = t;
+    [[gnu::noinline]] void makeReal() {
+        std::string_view number = trim(leafText());
         if (number.size() > 1 && number[0] == '+' && number[1] != '-' && number[1] != '+') number.remove_prefix(1);
         double value = 0;
+        if (readPlainDecimal(number, &value)) return push(_factory->real(value));
         const char* const end = number.data() + number.size();
         const auto [ptr, ec] = std::from_chars(number.data(), end, value);
-        if (number.empty() || ptr != end || (ec != std::errc() && ec != std::errc::result_out_of_range)) {
-            fail("invalid real " + quote(t));
-            return nullptr;
-        }
-        if (ec == std::errc::result_out_of_range) {
-            fail("real out of range " + quote(t));
-            return nullptr;
-        }
-        return _factory->real(value);
+        if (number.empty() || ptr != end || (ec != std::errc() && ec != std::errc::result_out_of_range))
+            return invalidLeaf("invalid real ");
+        if (ec == std::errc::result_out_of_range) return invalidLeaf("real out of range ");
+        push(_factory->real(value));
     }
 
-    PLHolder<const PLObject> makeDate() {
+    [[gnu::noinline]] void makeDate() {
         const std::string_view t = trim(leafText());
         auto digits = [&](std::size_t at, std::size_t n, unsigned* out) {
             unsigned v = 0;
@@ -456,19 +566,14 @@ private:
             fraction = t.substr(20, t.size() - 21);
             fractionOK = fraction.find_first_not_of("0123456789") == std::string_view::npos;
         }
-        if (!shaped || !fractionOK) {
-            fail("invalid date " + quote(t) + " (expected YYYY-MM-DDTHH:MM:SSZ)");
-            return nullptr;
-        }
+        if (!shaped || !fractionOK) return invalidLeaf("invalid date ", " (expected YYYY-MM-DDTHH:MM:SSZ)");
         if (month < 1 || month > 12 || day < 1 || day > plimpl::daysInMonth(year, month) || hour > 23 ||
-            minute > 59 || second > 59) {
-            fail("invalid date " + quote(t) + " (a field is out of range)");
-            return nullptr;
-        }
+            minute > 59 || second > 59)
+            return invalidLeaf("invalid date ", " (a field is out of range)");
         const std::int64_t unix = plimpl::daysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second;
         const std::int64_t whole = unix - static_cast<std::int64_t>(kPLAbsoluteTimeIntervalSince1970);
         while (!fraction.empty() && fraction.back() == '0') fraction.remove_suffix(1);
-        if (fraction.empty()) return _factory->date(static_cast<double>(whole));
+        if (fraction.empty()) return push(_factory->date(static_cast<double>(whole)));
         // whole + 0.fraction, rounded once: as one decimal number (for a
         // negative whole, -((-whole - 1) + (1 - 0.fraction))).
         std::vector<char> number(fraction.size() + 32);
@@ -481,69 +586,84 @@ private:
         p += fraction.size();
         double at = 0;
         std::from_chars(number.data(), p, at);
-        return _factory->date(at);
+        push(_factory->date(at));
     }
 
-    PLHolder<const PLObject> makeData() {
-        const std::string_view text = leafText();
-        std::vector<std::uint8_t> bytes(text.size() / 4 * 3 + 3);
-        std::uint8_t* d = bytes.data();
-        std::uint32_t acc = 0;
-        unsigned bits = 0;
-        std::size_t symbols = 0;
-        unsigned pads = 0;
-        const auto* s = reinterpret_cast<const unsigned char*>(text.data());
-        const auto* const end = s + text.size();
-        while (s < end) {
-            // Whole groups of four symbols at once while there are some.
-            if (bits == 0 && end - s >= 4) {
-                const int a = kBase64Value[s[0]], b = kBase64Value[s[1]], c = kBase64Value[s[2]],
-                          e = kBase64Value[s[3]];
-                if ((a | b | c | e) >= 0 && pads == 0) {
-                    const auto v = static_cast<std::uint32_t>(a << 18 | b << 12 | c << 6 | e);
-                    d[0] = static_cast<std::uint8_t>(v >> 16);
-                    d[1] = static_cast<std::uint8_t>(v >> 8);
-                    d[2] = static_cast<std::uint8_t>(v);
-                    d += 3;
-                    s += 4;
-                    symbols += 4;
+    // Base64 is decoded with as few data-dependent branches as can be: they
+    // cost more than the arithmetic, as the branch predictor has other
+    // things to remember between one <data> and the next. The symbols are
+    // first moved together in place over the white space (eight at a time
+    // where a word holds none), then decoded four at a time, invalid symbols
+    // only noted on the way.
+    [[gnu::noinline]] void makeData() {
+        auto* const c = reinterpret_cast<unsigned char*>(_textBuffer.get());
+        const std::size_t size = _textSize;
+        std::size_t n = 0;
+        std::size_t i = 0;
+        if constexpr (std::endian::native == std::endian::little) {
+            for (; i + 8 <= size; i += 8) {
+                std::uint64_t w;
+                std::memcpy(&w, c + i, 8);
+                // No byte below '!' (white space is, the symbols are not).
+                if (((w - 0x2121212121212121) & ~w & 0x8080808080808080) == 0) {
+                    std::memcpy(c + n, &w, 8);
+                    n += 8;
                     continue;
                 }
-            }
-            const std::int8_t v = kBase64Value[*s++];
-            if (v >= 0 && pads == 0) {
-                acc = (acc << 6) | static_cast<std::uint32_t>(v);
-                bits += 6;
-                ++symbols;
-                if (bits >= 8) {
-                    bits -= 8;
-                    *d++ = static_cast<std::uint8_t>(acc >> bits);
+                for (std::size_t j = i; j < i + 8; ++j) {
+                    c[n] = c[j];
+                    n += !isXMLSpace(static_cast<char>(c[j]));
                 }
-            } else if (v == kB64Space) {
-                continue;
-            } else if (v == kB64Pad && pads < 2) {
-                ++pads;
-            } else {
-                fail("invalid base64 data in <data>");
-                return nullptr;
             }
         }
-        if (symbols % 4 == 1) {
-            fail("invalid base64 data in <data> (truncated)");
-            return nullptr;
+        for (; i < size; ++i) {
+            c[n] = c[i];
+            n += !isXMLSpace(static_cast<char>(c[i]));
         }
-        bytes.resize(static_cast<std::size_t>(d - bytes.data()));
-        if (_mutableLeaves) return PLMutableData::create(bytes.data(), bytes.size());
-        return _factory->data(std::move(bytes));
+        // Up to two pads may end the text; any other '=' is invalid.
+        const bool lastIsPad = n >= 1 && c[n - 1] == '=';
+        const std::size_t pads = lastIsPad + (lastIsPad && n >= 2 && c[n - 2] == '=');
+        const std::size_t symbols = n - pads;
+        const std::size_t rest = symbols % 4;
+        std::vector<std::uint8_t> bytes(symbols / 4 * 3 + 3);
+        std::uint8_t* d = bytes.data();
+        const unsigned char* s = c;
+        const unsigned char* const whole = c + (symbols - rest);
+        std::uint32_t seen = 0;
+        for (; s != whole; s += 4, d += 3) {
+            const std::uint32_t v = kBase64[0][s[0]] | kBase64[1][s[1]] | kBase64[2][s[2]] |
+                                    kBase64[3][s[3]];
+            seen |= v;
+            d[0] = static_cast<std::uint8_t>(v >> 16);
+            d[1] = static_cast<std::uint8_t>(v >> 8);
+            d[2] = static_cast<std::uint8_t>(v);
+        }
+        // The last, partial group, completed with zero-valued symbols (the
+        // slack of the buffer has room for them).
+        c[symbols] = c[symbols + 1] = c[symbols + 2] = 'A';
+        const std::uint32_t v = kBase64[0][s[0]] | kBase64[1][s[1]] | kBase64[2][s[2]];
+        seen |= v;
+        d[0] = static_cast<std::uint8_t>(v >> 16);
+        d[1] = static_cast<std::uint8_t>(v >> 8);
+        if (seen & kNotBase64) return fail("invalid base64 data in <data>");
+        if (rest == 1) return fail("invalid base64 data in <data> (truncated)");
+        constexpr unsigned char kBytesOfRest[] = {0, 0, 1, 2};
+        bytes.resize(static_cast<std::size_t>(d - bytes.data()) + kBytesOfRest[rest]);
+        if (_mutableLeaves) return push(PLMutableData::create(bytes.data(), bytes.size()));
+        push(_factory->data(std::move(bytes)));
     }
 
     XML_Parser const _parser;
+    const unsigned long _hashSalt;
     PLObjectFactory* _factory = nullptr;  // of the document being read
     bool _mutableContainers = false;
     bool _mutableLeaves = false;
     std::vector<Frame> _frames;
     std::vector<PLHolder<const PLObject>> _values;
-    // Character data of the current leaf.
+    // hash() of each key on the operand stack, in order.
+    std::vector<std::size_t> _keyHashes;
+    // Character data of the current leaf; always allocated, with kTextSlack
+    // bytes beyond _textCapacity.
     std::unique_ptr<char[]> _textBuffer;
     std::size_t _textSize = 0;
     std::size_t _textCapacity = 0;

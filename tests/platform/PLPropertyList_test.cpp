@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cfloat>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <initializer_list>
@@ -414,6 +415,155 @@ TEST(PLPropertyListReader, RefusesMalformedXMLSayingWhatAndWhere) {
     auto good = PLData::create("<plist><true/></plist>", 22);
     EXPECT_TRUE(PLPropertyListCreateFromXMLData(good.get(), PLMutability::Immutable, &error));
     EXPECT_FALSE(error);
+}
+
+// The reader's base64 decoding against a plain one, symbol by symbol, on
+// random text: white space anywhere, padding or none, and corruptions.
+TEST(PLPropertyListReader, DecodesBase64AsASimpleDecoderDoes) {
+    constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    auto reference = [&](std::string_view text, std::string* out) -> const char* {
+        std::uint32_t acc = 0;
+        unsigned bits = 0, symbols = 0, pads = 0;
+        for (const char c : text) {
+            const char* at = c ? std::strchr(kAlphabet, c) : nullptr;
+            if (c == ' ' || c == '\t' || c == '\n' || c == '\r') continue;
+            if (at && pads == 0) {
+                acc = (acc << 6) | static_cast<std::uint32_t>(at - kAlphabet);
+                ++symbols;
+                if ((bits += 6) >= 8) *out += static_cast<char>(acc >> (bits -= 8));
+            } else if (c == '=' && pads < 2) {
+                ++pads;
+            } else {
+                return "invalid base64 data in <data>";
+            }
+        }
+        return symbols % 4 == 1 ? "invalid base64 data in <data> (truncated)" : nullptr;
+    };
+    const char* noise[] = {" ", "\n", "\t\t", "\r\n ", "=", "@", "A", "\xC3\xA9", "-"};
+    std::mt19937 rng(11);
+    for (int round = 0; round < 4000; ++round) {
+        std::vector<std::string> pieces;  // noise goes between pieces, never inside one
+        const std::size_t bytes = rng() % 90;
+        for (std::size_t i = 0; i < bytes; i += 3) {
+            const std::uint32_t v = rng() & 0xFFFFFF;
+            for (int k = 0; k < 4; ++k) pieces.emplace_back(1, kAlphabet[(v >> (18 - 6 * k)) & 63]);
+        }
+        if (round % 3 == 0 && !pieces.empty()) pieces.resize(pieces.size() - 1 - rng() % std::min<std::size_t>(2, pieces.size()));
+        if (round % 3 == 1 && pieces.size() >= 2) pieces.back() = pieces[pieces.size() - 2] = "=";
+        for (unsigned n = rng() % 6; n > 0; --n) {
+            // Mostly white space; now and then something that spoils the text.
+            const std::size_t which = round % 4 == 3 ? rng() % std::size(noise) : rng() % 4;
+            pieces.insert(pieces.begin() + static_cast<std::ptrdiff_t>(rng() % (pieces.size() + 1)), noise[which]);
+        }
+        std::string text;
+        for (const auto& piece : pieces) text += piece;
+        std::string expected, error;
+        const char* problem = reference(text, &expected);
+        auto plist = parse("<plist><data>" + text + "</data></plist>", &error);
+        if (problem) {
+            EXPECT_FALSE(plist) << text;
+            EXPECT_NE(error.find(problem), std::string::npos) << text << ": " << error;
+            if (!std::string_view(problem).ends_with("(truncated)")) {
+                EXPECT_EQ(error.find("truncated"), std::string::npos) << text;
+            }
+        } else {
+            ASSERT_TRUE(plist) << text << ": " << error;
+            EXPECT_EQ(static_cast<const PLData*>(plist.get())->view(), expected) << text;
+        }
+    }
+}
+
+// Plain decimals are converted without from_chars; they must come out the
+// same to the bit, also next to the limits of that path (2^53, 22 digits
+// after the point, 19 digits in all).
+TEST(PLPropertyListReader, ReadsRealsAsFromCharsDoes) {
+    std::vector<std::string> texts = {"9007199254740992", "9007199254740993", "900719925474099.3",
+                                      "0.0000000000000000000001", "0.00000000000000000000001", "1234567890123456789",
+                                      "12345678901234567890", "18446744073709551621", "1844674407370955162.1", "-0", "-.5", "5.", "0.1", "000123.4500", "-4503599627370497.5"};
+    std::mt19937_64 rng(3);
+    for (int i = 0; i < 3000; ++i) {
+        std::string t = rng() % 2 ? "-" : "";
+        t += std::to_string(rng() % 10000000000ULL).substr(0, 1 + rng() % 10);
+        if (rng() % 4) t += "." + std::to_string(rng()).substr(0, rng() % 13);
+        texts.push_back(t);
+    }
+    std::string doc = "<plist><array>";
+    for (const auto& t : texts) doc += "<real>" + t + "</real>";
+    std::string error;
+    auto plist = parse(doc + "</array></plist>", &error);
+    ASSERT_TRUE(plist) << error;
+    const auto* array = static_cast<const PLArray*>(plist.get());
+    ASSERT_EQ(array->count(), texts.size());
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        double expected = 0;
+        std::from_chars(texts[i].data(), texts[i].data() + texts[i].size(), expected);
+        const double got = static_cast<const PLNumber*>(array->at(i))->doubleValue();
+        EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << texts[i] << ": " << got << " vs " << expected;
+    }
+}
+
+// Decimal integers are checked eight digits at a time where they can be; a
+// byte that is not a digit must be found wherever it stands.
+TEST(PLPropertyListReader, ReadsIntegersAsFromCharsDoes) {
+    std::mt19937_64 rng(5);
+    const char spoilers[] = {'/', ':', 'a', 'F', '.', '~', '-', '+'};
+    for (int i = 0; i < 2000; ++i) {
+        std::string digits = std::to_string(rng() % 1000000000000000000ULL).substr(0, 1 + rng() % 18);
+        const bool spoil = i % 2;
+        if (spoil) digits[rng() % digits.size()] = spoilers[rng() % std::size(spoilers)];
+        std::string error;
+        auto plist = parse("<plist><integer>-" + digits + "</integer></plist>", &error);
+        if (spoil) {
+            EXPECT_NE(error.find("invalid integer"), std::string::npos) << digits << ": " << error;
+            continue;
+        }
+        std::int64_t expected = 0;
+        std::from_chars(digits.data(), digits.data() + digits.size(), expected);
+        ASSERT_TRUE(plist) << digits << ": " << error;
+        EXPECT_EQ(static_cast<const PLNumber*>(plist.get())->int64Value(), -expected) << digits;
+    }
+}
+
+// The reader hands dictionaries the hashes of their keys; lookups and
+// equality go through hash(), so the two must agree, and equal keys must
+// still fold however far apart they are.
+TEST(PLPropertyListReader, IndexesDictionariesByTheKeysHashes) {
+    std::string doc = "<plist><dict>";
+    auto expected = PLMutableDictionary::create();
+    for (int i = 0; i < 350; ++i) {
+        // Keys of every length up to 20 bytes; some come twice, the later
+        // value winning, and fold both before and after others have moved up.
+        const int j = i < 150 ? i : i < 200 ? i - 150 : i < 300 ? i - 50 : 150 + 2 * (i - 300);
+        const std::string key = std::string(static_cast<std::size_t>(j % 20), 'k') + std::to_string(j);
+        doc += "<key>" + key + "</key><integer>" + std::to_string(i) + "</integer>";
+        expected->set(str(key), num(i));
+    }
+    std::string error;
+    auto plist = parse(doc + "<key>small</key><dict><key>a</key><true/><key>a</key><false/></dict></dict></plist>",
+                       &error);
+    ASSERT_TRUE(plist) << error;
+    auto small = PLMutableDictionary::create();
+    small->set(str("a"), PLHolder<const PLObject>::retain(kPLBooleanFalse));
+    expected->set(str("small"), small);
+    EXPECT_EQ(dict(plist)->count(), 251u);
+    EXPECT_TRUE(plist->equals(*expected));
+    for (const auto& [key, value] : expected->entries()) EXPECT_TRUE(PLEqual(dict(plist)->get(key.get()), value.get()));
+}
+
+// Large texts grow the reader's buffer, which a later document reuses or
+// replaces; data right at its end decodes whole.
+TEST(PLPropertyListReader, ReadsLeavesOfAnySizeOneAfterAnother) {
+    for (const std::size_t size : {0u, 1u, 2u, 700u, 768u, 200000u, 5u}) {
+        std::string bytes;
+        for (std::size_t i = 0; i < size; ++i) bytes += static_cast<char>(i * 7);
+        auto original = PLData::create(bytes.data(), bytes.size());
+        auto back = parse(writeXML(original.get()));
+        ASSERT_TRUE(back) << size;
+        EXPECT_TRUE(back->equals(*original)) << size;
+        auto text = parse("<plist><string>" + std::string(size, 'x') + "</string></plist>");
+        ASSERT_TRUE(text);
+        EXPECT_EQ(static_cast<const PLString*>(text.get())->size(), size);
+    }
 }
 
 TEST(PLPropertyListReader, ReadsEveryBinaryObjectKind) {

@@ -76,6 +76,19 @@ TEST_F(QuillctlLog, ShowPrintsATableAndSplitsRecordsByParsing) {
     EXPECT_EQ(log({"show", (_dir / "none.log").string()}).exitCode, 1);
 }
 
+TEST_F(QuillctlLog, ShowUndoesOnlyTheLoggersOwnEscaping) {
+    for (const char* message : {"a < b & \"c\"", "100% sure", "%41 stays", "Grüße & co"})
+        ASSERT_EQ(log({"write", _file, message}).exitCode, 0);
+    auto r = log({"show", _file});
+    EXPECT_THAT(r.out, HasSubstr("  a < b & \"c\"\n"));
+    EXPECT_THAT(r.out, HasSubstr("  100% sure\n"));
+    EXPECT_THAT(r.out, HasSubstr("  %41 stays\n"));
+    EXPECT_THAT(r.out, HasSubstr("  Grüße & co\n"));
+    r = log({"show", _file, "--raw"});
+    EXPECT_THAT(r.out, HasSubstr("  a %3C b %26 %22c%22\n"));
+    EXPECT_THAT(r.out, HasSubstr("  Gr%C3%BC%C3%9Fe %26 co\n"));
+}
+
 TEST_F(QuillctlLog, TailFollowsNewRecords) {
     ASSERT_EQ(log({"write", _file, "before"}).exitCode, 0);
     const std::string out = (_dir / "tail.out").string();

@@ -4,11 +4,13 @@
 //       starts a logger on FILE, writes MESSAGE as one record of level N
 //       (default 3) and ends the logger: a begin mark, the record and an end
 //       mark, in the log format (a new file gets its header first).
-//   log show FILE [--level N] [--pid P] [--marks] [--xml]
-//       the records as a table: TIME PID LVL MESSAGE, with the message as it
-//       reads after XML unescaping (continuation lines of a message that holds
-//       line feeds are indented under it); records above level N or of
-//       another process are left out. A line marks where each logging session
+//   log show FILE [--level N] [--pid P] [--marks] [--raw] [--xml]
+//       the records as a table: TIME PID LVL MESSAGE. The message is shown as
+//       it was logged: XML references resolved, and a message that the
+//       logger had to percent-escape decoded again (exactly when escaping the
+//       decoded text gives what the file holds; --raw shows the stored text).
+//       Continuation lines of a message that holds line feeds are indented
+//       under it. Records above level N or of another process are left out. A line marks where each logging session
 //       begins and ends; --marks also lists the other marks. --xml prints the
 //       whole file as one XML document instead (the file and "</logs>").
 //   log tail FILE [--lines K] [--count C]
@@ -66,6 +68,31 @@ struct LogEntry {
 std::string attributeText(const CXMLService& element, std::string_view name) {
     const CStringRef value = element.getAttributeValueAsString(name);
     return value ? value->utf8() : std::string();
+}
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
+
+// The message before the logger's percent-escaping, when it was escaped.
+std::string unescapedMessage(const std::string& stored, unsigned level) {
+    if (stored.find('%') == std::string::npos) return stored;
+    std::string decoded;
+    for (std::size_t i = 0; i < stored.size(); ++i) {
+        if (stored[i] == '%' && i + 2 < stored.size() && hexValue(stored[i + 1]) >= 0 &&
+            hexValue(stored[i + 2]) >= 0) {
+            decoded += static_cast<char>(hexValue(stored[i + 1]) * 16 + hexValue(stored[i + 2]));
+            i += 2;
+        } else {
+            decoded += stored[i];
+        }
+    }
+    if (decoded == stored) return stored;
+    const CStringRef again = CQuillLogger::escapedString(ferrocore::CString::create(decoded), level);
+    return again->utf8() == stored ? decoded : stored;
 }
 
 LogEntry makeEntry(const CXMLService& element) {
@@ -133,6 +160,7 @@ struct Filter {
     std::optional<unsigned> level;
     std::optional<std::string> pid;
     bool marks = false;
+    bool raw = false;
 };
 
 // Formats entries as table lines.
@@ -157,7 +185,8 @@ public:
             return row(entry.time, entry.pid, "-", text);
         }
         if (_filter.level && entry.level > *_filter.level) return {};
-        return row(entry.time, entry.pid, std::to_string(entry.level), entry.message);
+        return row(entry.time, entry.pid, std::to_string(entry.level),
+                   _filter.raw ? entry.message : unescapedMessage(entry.message, entry.level));
     }
 
     std::string header() const { return row("TIME", "PID", "LVL", "MESSAGE"); }
@@ -362,6 +391,7 @@ void addLogCommands(CLI::App& app) {
     CLI::Option* levelOption = showVerb->add_option("--level", "Only records up to this level");
     CLI::Option* pidOption = showVerb->add_option("--pid", "Only records of this process");
     showVerb->add_flag("--marks", showOptions->filter.marks, "Also list the marks");
+    showVerb->add_flag("--raw", showOptions->filter.raw, "Show messages as stored, percent-escapes included");
     showVerb->add_flag("--xml", showOptions->xml, "Print the file as one XML document");
     setAction(showVerb, [showOptions, levelOption, pidOption] {
         if (levelOption->count()) showOptions->filter.level = levelOption->as<unsigned>();

@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -85,6 +86,39 @@ TEST_F(DBusNotificationTest, AnotherProcessGetsEveryTypeAndSenderUnchanged) {
     EXPECT_TRUE(PLEqual(got.all[2].userInfo.get(), small.get()));
     EXPECT_EQ(got.all[3].sender->str(), "x");
     EXPECT_EQ(got.all[3].userInfo, nullptr);
+}
+
+TEST_F(DBusNotificationTest, AKilledObserverNeverHoldsUpThePoster) {
+    const std::string listen = uniqueName("listen"), reply = uniqueName("reply");
+    Received got;
+    int key = 0;
+    center.addObserver(&key, got.handler(), str(reply).get(), nullptr);
+    syncWithBus(center);
+    PeerProcess peer({"echo", listen, reply, "1000000"});
+    ASSERT_TRUE(runLoopUntil([&] { return got.all.size() == 1; })) << peer.output();
+
+    // Killed while notifications for it are on their way: the bus drops
+    // them, and the poster never waits for it (a post may at most report a
+    // full send queue, which the bus drains).
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 5000; ++i) {
+        if (i == 100) ::kill(peer.pid(), SIGKILL);
+        center.post(str(listen).get(), nullptr, nullptr);
+    }
+    EXPECT_TRUE(center.flush(5.0));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(peer.wait(), 128 + SIGKILL);
+
+    // And the centre still works.
+    const auto after = str(uniqueName("after"));
+    bool back = false;
+    int afterKey = 0;
+    center.addObserver(&afterKey, NotificationHandler([&](const CNotification&) { back = true; }), after.get(),
+                       nullptr);
+    syncWithBus(center);
+    center.post(after.get(), nullptr, nullptr);
+    EXPECT_TRUE(runLoopUntil([&] { return back; }));
+    center.removeObserver(&afterKey);
 }
 
 TEST_F(DBusNotificationTest, NotificationsOfOnePosterArriveInOrder) {

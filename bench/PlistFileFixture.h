@@ -6,10 +6,28 @@
 
 #include <quillcore/platform/PLObject.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
 namespace plistbench {
+
+// Ends the program with the system's reason for `what`.
+[[noreturn]] inline void fail(const char* what) {
+    std::perror(what);
+    std::exit(1);
+}
+
+// Replaces the file at `path` with `bytes`.
+inline void writeWhole(const std::string& path, const std::string& bytes) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0 || ::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) fail(path.c_str());
+    ::close(fd);
+}
 
 // The counter that every benchmark cycle increments, inside "corvaneconfig".
 inline constexpr std::string_view kCounterKey = "BenchCounter";

@@ -62,16 +62,8 @@ std::string gPlistPath;
 std::string gBarePath;
 std::string gDocument;
 
-[[noreturn]] void fail(const char* what) {
-    std::perror(what);
-    std::exit(1);
-}
-
-void writeWhole(const std::string& path, const std::string& bytes) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (fd < 0 || ::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) fail("reset");
-    ::close(fd);
-}
+using plistbench::fail;
+using plistbench::writeWhole;
 
 std::string readWhole(const std::string& path) {
     std::string bytes;

@@ -39,16 +39,8 @@ PL_CONSTANT_STRING(kConfigKey, "corvaneconfig");
 PL_CONSTANT_STRING(kCounterKey, "BenchCounter");
 PL_CONSTANT_STRING(kPaddingKey, "Padding");
 
-[[noreturn]] void fail(const char* what) {
-    std::perror(what);
-    std::exit(1);
-}
-
-void writeDocument(const std::string& path, const std::string& xml) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (fd < 0 || ::write(fd, xml.data(), xml.size()) != static_cast<ssize_t>(xml.size())) fail("write");
-    ::close(fd);
-}
+using plistbench::fail;
+using plistbench::writeWhole;
 
 // The writer: flushes forever, alternating a long and no padding value.
 [[noreturn]] void writeForever(PLStringRef path, int ready) {
@@ -97,7 +89,7 @@ int main(int argc, char** argv) {
     ::setenv("QUILL_CONSOLE_LOG", (pattern + "/console.log").c_str(), 1);
     std::string xml;
     if (!PLPropertyListWriteXML(plistbench::makeConfigDocument().get(), xml)) fail("serialise");
-    writeDocument(file, xml);
+    writeWhole(file, xml);
 
     std::mt19937 random(20261122);
     std::uniform_int_distribution<long> delay(0, maxDelay);
@@ -137,7 +129,7 @@ int main(int argc, char** argv) {
         } catch (const ferrocore::CException& e) {
             ++damaged;
             std::fprintf(stderr, "round %ld: damaged: %s\n", k, e.what());
-            writeDocument(file, xml);
+            writeWhole(file, xml);
             lastCounter = 0;
         }
     }

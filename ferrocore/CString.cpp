@@ -2,7 +2,7 @@
 
 #include <ferrocore/CException.h>
 
-#include "ferrocore/Utf8.h"
+#include "ferrocore/XMLText.h"
 
 #include <utility>
 

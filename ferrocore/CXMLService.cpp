@@ -3,7 +3,7 @@
 #include <ferrocore/CException.h>
 #include <ferrocore/Format.h>
 
-#include "ferrocore/Utf8.h"
+#include "ferrocore/XMLText.h"
 
 #include <expat.h>
 
@@ -60,8 +60,10 @@ bool isXMLName(std::string_view name) {
     std::size_t pos = 0;
     bool first = true;
     while (pos < name.size()) {
-        if (!utf8::wellFormedAt(name, pos)) return false;
-        const char32_t c = utf8::decode(name, pos);
+        char32_t c;
+        const std::size_t length = utf8::sequenceLength(name, pos, c);
+        if (length == 0) return false;
+        pos += length;
         if (first ? !isNameStartCharacter(c) : !isNameCharacter(c)) return false;
         first = false;
     }

@@ -1,6 +1,6 @@
 #include <ferrocore/Format.h>
 
-#include "ferrocore/Utf8.h"
+#include <ferrocore/Utf8.h>
 
 #include <cstdint>
 #include <cstdio>

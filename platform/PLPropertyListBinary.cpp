@@ -12,6 +12,7 @@
 // objects being read (a reference back to one of them is a cycle), and
 // objects referenced more than once are built once when the result lets
 // them be shared.
+#include <ferrocore/Utf8.h>
 #include <quillcore/platform/PLPropertyList.h>
 
 #include "platform/PLPropertyListPrivate.h"
@@ -330,7 +331,7 @@ private:
                 } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
                     return fail(unitAt, "unpaired surrogate in a UTF-16 string");
                 }
-                plimpl::appendUTF8(converted, cp);
+                ferrocore::utf8::append(converted, cp);
             }
             text = converted;
         }
@@ -493,8 +494,9 @@ private:
         const auto* p = reinterpret_cast<const unsigned char*>(s.data());
         const auto* const end = p + s.size();
         while (p < end) {
-            std::uint32_t cp;
-            const std::size_t n = plimpl::decodeUTF8(p, end, &cp);
+            char32_t cp;
+            const std::size_t n = ferrocore::utf8::sequenceLength(
+                std::string_view(reinterpret_cast<const char*>(p), static_cast<std::size_t>(end - p)), 0, cp);
             if (n == 0) {
                 _problem = "not valid UTF-8 (at index " +
                            std::to_string(p - reinterpret_cast<const unsigned char*>(s.data())) + ")";

@@ -58,58 +58,6 @@ inline void complementDecimalFraction(char* digits, std::size_t n) noexcept {
     digits[n - 1] = static_cast<char>('0' + 10 - (digits[n - 1] - '0'));
 }
 
-// Decodes one UTF-8 sequence at s (s < end) into *cp. Returns its length, or
-// 0 when the bytes there are not valid UTF-8 (overlong forms, surrogates and
-// values beyond U+10FFFF are invalid).
-inline std::size_t decodeUTF8(const unsigned char* s, const unsigned char* end, std::uint32_t* cp) noexcept {
-    const unsigned c = s[0];
-    if (c < 0x80) {
-        *cp = c;
-        return 1;
-    }
-    auto cont = [&](std::size_t i, unsigned lo, unsigned hi) {
-        return s + i < end && s[i] >= lo && s[i] <= hi;
-    };
-    if (c >= 0xC2 && c <= 0xDF) {
-        if (!cont(1, 0x80, 0xBF)) return 0;
-        *cp = ((c & 0x1F) << 6) | (s[1] & 0x3F);
-        return 2;
-    }
-    if (c >= 0xE0 && c <= 0xEF) {
-        const unsigned lo = c == 0xE0 ? 0xA0 : 0x80;
-        const unsigned hi = c == 0xED ? 0x9F : 0xBF;
-        if (!cont(1, lo, hi) || !cont(2, 0x80, 0xBF)) return 0;
-        *cp = ((c & 0x0F) << 12) | ((s[1] & 0x3F) << 6) | (s[2] & 0x3F);
-        return 3;
-    }
-    if (c >= 0xF0 && c <= 0xF4) {
-        const unsigned lo = c == 0xF0 ? 0x90 : 0x80;
-        const unsigned hi = c == 0xF4 ? 0x8F : 0xBF;
-        if (!cont(1, lo, hi) || !cont(2, 0x80, 0xBF) || !cont(3, 0x80, 0xBF)) return 0;
-        *cp = ((c & 0x07) << 18) | ((s[1] & 0x3F) << 12) | ((s[2] & 0x3F) << 6) | (s[3] & 0x3F);
-        return 4;
-    }
-    return 0;
-}
-
-inline void appendUTF8(std::string& out, std::uint32_t cp) {
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
-}
-
 // Joins the components of a value's place, collected innermost first while
 // unwinding, into "/a/3/b" ("/" for the root).
 inline std::string joinPath(const std::string* innermostFirst, std::size_t count) {

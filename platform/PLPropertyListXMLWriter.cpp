@@ -7,6 +7,7 @@
 // string views on a scratch stack shared by all levels, and the sort is
 // skipped when the keys already come in order (as they do in anything this
 // writer produced and a reader read back).
+#include <ferrocore/Utf8.h>
 #include <quillcore/platform/PLPropertyList.h>
 
 #include "platform/PLPropertyListPrivate.h"
@@ -159,8 +160,9 @@ private:
                     ++s;
                     break;
                 case kLead: {
-                    std::uint32_t cp;
-                    const std::size_t n = plimpl::decodeUTF8(s, e, &cp);
+                    char32_t cp;
+                    const std::size_t n = ferrocore::utf8::sequenceLength(
+                        std::string_view(reinterpret_cast<const char*>(s), static_cast<std::size_t>(e - s)), 0, cp);
                     if (n == 0) return badUTF8(text, s);
                     if (cp == 0xFFFE || cp == 0xFFFF) return badChar(cp);
                     std::memcpy(d, s, n);

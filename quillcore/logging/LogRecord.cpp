@@ -1,6 +1,7 @@
 #include "LogRecord.h"
 
 #include <ferrocore/CXMLService.h>
+#include <ferrocore/Utf8.h>
 #include <ferrocore/Format.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/util/CTimeStamp.h>
@@ -144,11 +145,6 @@ std::string sessionMark(bool begin) {
 
 namespace {
 
-bool isXMLChar(std::uint32_t c) noexcept {
-    return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) || (c >= 0xE000 && c <= 0xFFFD) ||
-           (c >= 0x10000 && c <= 0x10FFFF);
-}
-
 // The length of a valid reference at the start of `text` (which begins with
 // "&"), or 0.
 std::size_t referenceLength(std::string_view text) noexcept {
@@ -174,29 +170,8 @@ std::size_t referenceLength(std::string_view text) noexcept {
         value = value * (hex ? 16 : 10) + digit;
         if (value > 0x10FFFF) return 0;
     }
-    if (i == digitsStart || i == text.size() || !isXMLChar(value)) return 0;
+    if (i == digitsStart || i == text.size() || !ferrocore::utf8::isXMLCharacter(value)) return 0;
     return i + 1;
-}
-
-// The length of a well-formed UTF-8 sequence of an XML character at the start
-// of `text` (whose first byte is 0x80 or above), or 0.
-std::size_t utf8Length(std::string_view text) noexcept {
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const auto continuation = [&](std::size_t i) { return i < text.size() && (byte(i) & 0xC0) == 0x80; };
-    const unsigned char lead = byte(0);
-    if (lead >= 0xC2 && lead <= 0xDF) return continuation(1) ? 2 : 0;
-    if (lead >= 0xE0 && lead <= 0xEF) {
-        if (!continuation(1) || !continuation(2)) return 0;
-        const std::uint32_t c = ((lead & 0x0Fu) << 12) | ((byte(1) & 0x3Fu) << 6) | (byte(2) & 0x3Fu);
-        return c >= 0x800 && isXMLChar(c) ? 3 : 0;
-    }
-    if (lead >= 0xF0 && lead <= 0xF4) {
-        if (!continuation(1) || !continuation(2) || !continuation(3)) return 0;
-        const std::uint32_t c =
-            ((lead & 0x07u) << 18) | ((byte(1) & 0x3Fu) << 12) | ((byte(2) & 0x3Fu) << 6) | (byte(3) & 0x3Fu);
-        return c >= 0x10000 && c <= 0x10FFFF ? 4 : 0;
-    }
-    return 0;
 }
 
 // Which ASCII bytes may stand in an attribute value as they are.
@@ -251,8 +226,9 @@ bool isPlainAttributeText(std::string_view message) noexcept {
             if (length == 0) return false;
             i += length;
         } else {
-            const std::size_t length = utf8Length(message.substr(i));
-            if (length == 0) return false;
+            char32_t cp;
+            const std::size_t length = ferrocore::utf8::sequenceLength(message, i, cp);
+            if (length == 0 || !ferrocore::utf8::isXMLCharacter(cp)) return false;
             i += length;
         }
     }

@@ -23,6 +23,7 @@
 // feeds and even the text "/>".
 #include "Commands.h"
 
+#include <ferrocore/CException.h>
 #include <ferrocore/CXMLService.h>
 #include <quillcore/logging/CQuillLogger.h>
 
@@ -130,9 +131,10 @@ public:
                 start += end + 1;
                 continue;
             }
-            const std::size_t length = elementLength(rest);
-            if (length == 0) break;
-            entries.push_back(makeEntry(*CXMLService::create(rest.substr(0, length))->childAtIndex(0)));
+            std::size_t length = 0;
+            const CXMLServiceRef element = nextElement(rest, length);
+            if (!element) break;
+            entries.push_back(makeEntry(*element->childAtIndex(0)));
             start += length;
         }
         _pending.erase(0, start);
@@ -144,11 +146,19 @@ public:
     void clear() { _pending.clear(); }
 
 private:
-    static std::size_t elementLength(std::string_view text) {
+    // The element that `text` starts with and its length; null when no "/>"
+    // completes one yet.
+    static CXMLServiceRef nextElement(std::string_view text, std::size_t& length) {
         for (std::size_t end = text.find("/>"); end != std::string_view::npos; end = text.find("/>", end + 2)) {
-            if (CXMLService::isWellFormed(text.substr(0, end + 2))) return end + 2;
+            try {
+                CXMLServiceRef element = CXMLService::create(text.substr(0, end + 2));
+                length = end + 2;
+                return element;
+            } catch (const ferrocore::CException&) {
+                // "/>" inside a message: the record goes on.
+            }
         }
-        return 0;
+        return nullptr;
     }
 
     std::string _pending;

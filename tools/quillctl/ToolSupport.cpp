@@ -333,32 +333,23 @@ PLHolder<const PLObject> parseTypedValue(const std::string& type, const std::str
     const char* first = text.data() + (text.size() > 1 && text[0] == '+' ? 1 : 0);
     const char* last = text.data() + text.size();
     if (type == "string") return PLString::create(text);
-    if (type == "integer") {
-        std::int64_t number = 0;
-        auto [end, ec] = std::from_chars(first, last, number);
+    // Integers and reals: the whole text, in decimal, within the type's range.
+    auto number = [&](auto value, const char* range, const char* kind) -> PLHolder<const PLObject> {
+        auto [end, ec] = std::from_chars(first, last, value);
         if (ec == std::errc::result_out_of_range) {
-            *error = bad + "out of the 64-bit integer range (-9223372036854775808 to 9223372036854775807)";
+            *error = bad + "out of " + range;
             return nullptr;
         }
         if (ec != std::errc() || end != last || text.empty()) {
-            *error = bad + "not a decimal integer";
+            *error = bad + "not a decimal " + kind;
             return nullptr;
         }
-        return PLNumber::create(number);
-    }
-    if (type == "real") {
-        double number = 0;
-        auto [end, ec] = std::from_chars(first, last, number);
-        if (ec == std::errc::result_out_of_range) {
-            *error = bad + "out of the range of a double";
-            return nullptr;
-        }
-        if (ec != std::errc() || end != last || text.empty()) {
-            *error = bad + "not a decimal real number";
-            return nullptr;
-        }
-        return PLNumber::create(number);
-    }
+        return PLNumber::create(value);
+    };
+    if (type == "integer")
+        return number(std::int64_t{0}, "the 64-bit integer range (-9223372036854775808 to 9223372036854775807)",
+                      "integer");
+    if (type == "real") return number(0.0, "the range of a double", "real number");
     if (type == "bool") {
         bool flag = false;
         if (!parseBool(text, flag)) {

@@ -14,37 +14,6 @@
 
 namespace quill::logrecord {
 
-// printf rounds the exact binary value; so does this: by whole milliseconds
-// when the value is far enough from a half millisecond for the product's
-// rounding error not to matter, else by std::to_chars, which rounds exactly.
-void appendFixed3(std::string& out, double value, int width) {
-    char digits[64];
-    std::size_t length = 0;
-    const double scaled = value * 1000.0;
-    const double fraction = scaled - std::floor(scaled);
-    if (value >= 0 && scaled < 9.0e15 && std::fabs(fraction - 0.5) > 1.0e-3) {
-        std::uint64_t millis = static_cast<std::uint64_t>(scaled + 0.5);
-        char reversed[24];
-        std::size_t count = 0;
-        do {
-            reversed[count++] = static_cast<char>('0' + millis % 10);
-            millis /= 10;
-            if (count == 3) reversed[count++] = '.';
-        } while (millis != 0 || count < 5);
-        while (count > 0) digits[length++] = reversed[--count];
-    } else {
-        const std::to_chars_result result =
-            std::to_chars(digits, digits + sizeof digits, value, std::chars_format::fixed, 3);
-        if (result.ec != std::errc()) {
-            out += ferrocore::formatString("%0*.3lf", width, value);
-            return;
-        }
-        length = static_cast<std::size_t>(result.ptr - digits);
-    }
-    if (static_cast<std::size_t>(width) > length) out.append(static_cast<std::size_t>(width) - length, '0');
-    out.append(digits, length);
-}
-
 namespace {
 
 void appendUnsigned(std::string& out, unsigned long long value) {
@@ -53,60 +22,14 @@ void appendUnsigned(std::string& out, unsigned long long value) {
     out.append(digits, static_cast<std::size_t>(result.ptr - digits));
 }
 
-// The calendar fields of the current second, per thread, for the real host:
-// the date text up to the minute ("MM/DD/YYYY hh:mm:") and the seconds of
-// the minute. Substitute hosts are asked every time (tests change their
-// clocks and calendars at will); so is the real host when TZ has been set
-// anew since, so that a change of time zone shows at once.
-struct CalendarCache {
-    double second = std::nan("");
-    const char* timeZone = nullptr;
-    double secondOfMinute = 0;
-    char prefix[48] = {};
-    std::size_t prefixLength = 0;
-};
-thread_local CalendarCache tCalendar __attribute__((tls_model("initial-exec")));
-
-bool fillCalendar(platform::IHost& host, double second, CalendarCache& cache) {
-    const platform::CCalendarDate date = host.calendarDate(second);
-    // Four-digit years only: others take the general path, which prints them
-    // exactly as the time stamp does.
-    if (date.year < 0 || date.year > 9999) return false;
-    const int length = std::snprintf(cache.prefix, sizeof cache.prefix, "%02d/%02d/%04d %02d:%02d:", date.month,
-                                     date.day, date.year, date.hour, date.minute);
-    if (length <= 0 || static_cast<std::size_t>(length) >= sizeof cache.prefix) return false;
-    cache.prefixLength = static_cast<std::size_t>(length);
-    cache.secondOfMinute = date.second;
-    cache.second = second;
-    return true;
-}
-
 }  // namespace
 
 void appendTimeFields(std::string& out) {
-    platform::IHost& host = platform::host();
-    const double now = host.currentTime();
+    const CTimeStamp now(-1.0);
     out += "tms=\"";
-    if (std::isfinite(now) && now >= 0 && &host == &platform::defaultHost()) {
-        // The real calendar gives a second's seconds as the whole seconds plus
-        // the fraction; so does this, from the whole second's fields.
-        const double whole = std::floor(now);
-        const char* timeZone = std::getenv("TZ");
-        CalendarCache& cache = tCalendar;
-        if ((cache.second == whole && cache.timeZone == timeZone) || fillCalendar(host, whole, cache)) {
-            cache.timeZone = timeZone;
-            appendFixed3(out, now);
-            out += "\" tmt=\"";
-            out.append(cache.prefix, cache.prefixLength);
-            appendFixed3(out, cache.secondOfMinute + (now - whole), 6);
-            out += '"';
-            return;
-        }
-    }
-    const CTimeStamp stamp(now);
-    appendFixed3(out, stamp.seconds());
+    appendFixed3(out, now.seconds());
     out += "\" tmt=\"";
-    out += stamp.text();
+    out += now.text();
     out += '"';
 }
 

@@ -6,6 +6,8 @@
 
 #include <quillcore/export.h>
 
+#include "quillcore/util/DecimalText.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -13,13 +15,10 @@
 namespace quill::logrecord {
 
 // Appends `tms="<seconds>" tmt="<time text>"` for now, exactly as a
-// CTimeStamp of now would print them ("%.3lf" and the stamp's text). The
-// calendar is consulted once per second per thread; the rest is plain
-// formatting.
+// CTimeStamp of now would print them: "%.3lf" and the stamp's text.
 QUILL_EXPORT void appendTimeFields(std::string& out);
 
-// "%.3lf" of `value`, zero-padded to `width` characters as "%0*.3lf" would.
-QUILL_EXPORT void appendFixed3(std::string& out, double value, int width = 0);
+using decimal::appendFixed3;
 
 // Appends the head of a record of `level`, up to and including `msg="`.
 QUILL_EXPORT void appendRecordHead(std::string& out, unsigned level);

@@ -89,9 +89,8 @@ TEST(IntervalTimerTest, DestroyFromInsideTheCallback) {
 }
 
 TEST(IntervalTimerTest, RefusesBadIntervals) {
-    EXPECT_THROW(CIntervalTimer(0, [] {}), CParamException);
-    EXPECT_THROW(CIntervalTimer(-1, [] {}), CParamException);
-    EXPECT_THROW(CIntervalTimer(std::numeric_limits<double>::quiet_NaN(), [] {}), CParamException);
+    for (double interval : {0.0, -1.0, std::numeric_limits<double>::quiet_NaN()})
+        EXPECT_THROW(CIntervalTimer(interval, [] {}), CParamException) << interval;
 }
 
 }  // namespace

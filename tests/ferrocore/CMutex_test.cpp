@@ -60,11 +60,10 @@ TEST(MutexTest, RecursiveMutexIsHeldUntilTheLastUnlock) {
 
 TEST(ConditionalMutexTest, TimeoutReturnsFalseWithoutTheLock) {
     CConditionalMutex condition(0);
-    EXPECT_FALSE(condition.lockWithTimeoutWhenValueSet(1, 0.05));
-    EXPECT_TRUE(lockableFromOtherThread(condition));
-    EXPECT_FALSE(condition.lockWithTimeoutWhenValueSet(1, 0));
-    EXPECT_FALSE(condition.lockWithTimeoutWhenValueSet(1, -3));
-    EXPECT_TRUE(lockableFromOtherThread(condition));
+    for (double timeout : {0.05, 0.0, -3.0}) {
+        EXPECT_FALSE(condition.lockWithTimeoutWhenValueSet(1, timeout)) << timeout;
+        EXPECT_TRUE(lockableFromOtherThread(condition)) << timeout;
+    }
 
     // A value that is already set is taken at once, even with no time at all,
     // and the caller then holds the lock.

@@ -42,15 +42,12 @@ TEST(SharedObjectTest, LastHandleDestroys) {
     ASSERT_EQ(gLive, 0);
     {
         CSharedObjectRef<CTracked> a = makeShared<CTracked>(3);
-        EXPECT_EQ(a->retainCount(), 1);
         CSharedObjectRef<CTracked> b = a;
-        EXPECT_EQ(a->retainCount(), 2);
         CSharedObjectRef<CTracked> c = std::move(b);
         EXPECT_FALSE(b);
         EXPECT_EQ(a->retainCount(), 2);
         c.reset();
         EXPECT_EQ(a->retainCount(), 1);
-        EXPECT_EQ(gLive, 1);
         // A handle made from a bare pointer to a held object adds a reference.
         CSharedObjectRef<CTracked> fromPointer(a.get());
         EXPECT_EQ(a->retainCount(), 2);

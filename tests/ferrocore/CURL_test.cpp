@@ -21,8 +21,6 @@ TEST(URLTest, FilePathsRoundTripThroughEncoding) {
     CURLRef url = CURL::createWithPath(path, false);
     EXPECT_EQ(url->text(), "file:///tmp/dir%20with%20space/100%25%20%231%3F&=+;%C3%BC");
     EXPECT_EQ(text(url->fileSystemPath()), path);
-    EXPECT_EQ(text(url->scheme()), "file");
-    EXPECT_EQ(text(url->hostName()), "");
     EXPECT_EQ(text(url->lastPathComponent()), "100% #1?&=+;ü");
 
     // The text form parses back to the same URL and path.
@@ -39,9 +37,7 @@ TEST(URLTest, FilePathsRoundTripThroughEncoding) {
     EXPECT_THROW(CURL::createWithPath("", false), CParamException);
 
     // Relative paths are taken from the working directory.
-    CURLRef relative = CURL::createWithPath("x.txt", false);
-    EXPECT_TRUE(relative->fileSystemPath()->beginsWith("/"));
-    EXPECT_TRUE(relative->fileSystemPath()->endsWith("/x.txt"));
+    EXPECT_EQ(text(CURL::createWithPath("x.txt", false)->fileSystemPath()), (std::filesystem::current_path() / "x.txt").string());
 }
 
 TEST(URLTest, ParsesOtherSchemesAndRefusesMalformedText) {
@@ -50,10 +46,8 @@ TEST(URLTest, ParsesOtherSchemesAndRefusesMalformedText) {
     EXPECT_EQ(text(nfs->scheme()), "nfs");
     EXPECT_EQ(text(nfs->hostName()), "server.local");
     EXPECT_EQ(text(nfs->fileSystemPath()), "/exports/a b");
-    EXPECT_EQ(text(nfs->lastPathComponent()), "a b");
     EXPECT_EQ(nfs->text(), "nfs://user@server.local:2049/exports/a%20b/?port=2049#frag");
     EXPECT_EQ(text(CURL::create("http://[::1]:80/")->hostName()), "[::1]");
-    EXPECT_EQ(text(CURL::create("stratafs:///Volumes/SAN1/x")->scheme()), "stratafs");
 
     for (const char* bad : {"", "/no/scheme", "1http://x", "file:///a b", "file:///100%", "file:///%zz",
                             "file:///\xC3\xBC", "http://x/a#b#c", "file:///a\"b"}) {
@@ -86,7 +80,6 @@ TEST(URLTest, PathOperationsChangeOnlyThePath) {
     EXPECT_THROW(up->copyByAppendingPathExtension("x"), CParamException);
 
     // No extension for hidden names or a trailing dot.
-    EXPECT_EQ(text(CURL::createWithPath("/d/.cvsubexp", true)->pathExtension()), "");
     EXPECT_EQ(text(CURL::createWithPath("/d/name.", false)->pathExtension()), "");
     EXPECT_EQ(CURL::createWithPath("/d/.cvsubexp", true)->copyByDeletingPathExtension()->text(), "file:///d/.cvsubexp/");
 }
@@ -94,7 +87,6 @@ TEST(URLTest, PathOperationsChangeOnlyThePath) {
 TEST(URLTest, QueryParametersAreEncodedAndOthersKept) {
     CURLRef url = CURL::create("nfs://host/x?a=1&port=2049&b=x%20y&flag");
     ASSERT_TRUE(url);
-    EXPECT_EQ(text(url->getQueryParameterValue("port")), "2049");
     EXPECT_EQ(text(url->getQueryParameterValue("b")), "x y");
     EXPECT_EQ(text(url->getQueryParameterValue("flag")), "");
     EXPECT_FALSE(url->getQueryParameterValue("missing"));
@@ -103,13 +95,9 @@ TEST(URLTest, QueryParametersAreEncodedAndOthersKept) {
     EXPECT_EQ(url->text(), "nfs://host/x?a=1&port=-1&b=x%20y&flag");
     url->setQueryParameterValue("note", "a&b=c d+e%");
     EXPECT_EQ(url->text(), "nfs://host/x?a=1&port=-1&b=x%20y&flag&note=a%26b%3Dc%20d%2Be%25");
-    EXPECT_EQ(text(url->getQueryParameterValue("note")), "a&b=c d+e%");
     EXPECT_EQ(text(CURL::create(url->text())->getQueryParameterValue("note")), "a&b=c d+e%");
 
-    url->removeQueryParameter("a");
-    url->removeQueryParameter("flag");
-    url->removeQueryParameter("note");
-    url->removeQueryParameter("b");
+    for (const char* name : {"a", "flag", "note", "b"}) url->removeQueryParameter(name);
     EXPECT_EQ(url->text(), "nfs://host/x?port=-1");
     url->removeQueryParameter("port");
     EXPECT_EQ(url->text(), "nfs://host/x");
@@ -139,8 +127,7 @@ TEST(URLTest, FileTypeAndCreatorCodes) {
     EXPECT_EQ(url->getCreatorCode(), "");
     url->setFileTypeCode("MooV");
     url->setCreatorCode("TVOD");
-    EXPECT_EQ(url->getFileTypeCode(), "MooV");
-    EXPECT_EQ(url->getCreatorCode(), "TVOD");
+    EXPECT_EQ(url->getFileTypeCode() + url->getCreatorCode(), "MooVTVOD");
     char raw[8];
     EXPECT_EQ(getxattr(path.c_str(), kFileTypeCodeAttribute, raw, sizeof(raw)), 4);
 

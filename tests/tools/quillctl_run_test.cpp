@@ -29,9 +29,8 @@ TEST_F(QuillctlRun, PassesOutputAndExitStatusThrough) {
     r = run({"echo", "-n", "searched in PATH"});
     EXPECT_EQ(r.exitCode, 0);
     EXPECT_EQ(r.out, "searched in PATH");
-}
 
-TEST_F(QuillctlRun, KilledChildReportsTheSignalLikeAShell) {
+    // A killed child reports the signal like a shell.
     EXPECT_EQ(run({"--", "/bin/sh", "-c", "kill -TERM $$"}).exitCode, 128 + 15);
     // The same number as an exit code stays an exit code.
     EXPECT_EQ(run({"--", "/bin/sh", "-c", "exit 15"}).exitCode, 15);

@@ -30,10 +30,10 @@ Row object(const char* name, PLStringRef value, const char* expected) {
 #define BYTES(constant, text) bytes(#constant, constant, text)
 #define OBJECT(constant, text) object(#constant, constant, text)
 
-// Every shared constant against the text other processes expect (the five
-// configuration records share one file; the notification names keep their
-// "2" suffix, and "Terminated" and "Terminate" stay apart); the helper each
-// row goes through also pins the constant's storage form.
+// The shared paths, service kinds and notification names against the text
+// other processes expect (the five configuration records share one file; the
+// notification names keep their "2" suffix, and "Terminated" and "Terminate"
+// stay apart); the helper each row goes through pins the storage form.
 const std::vector<Row>& table() {
     static const std::vector<Row> rows = {
         BYTES(kQuillConfigFilePath, "~/Library/Application Support/Lumenforge/LumenforgeConfig.plist"),
@@ -44,19 +44,6 @@ const std::vector<Row>& table() {
         OBJECT(kQuillPIDFilePath, "~/Library/Application Support/Lumenforge/LumenforgePID.plist"),
         OBJECT(kQuillConfigPath, "~/Library/Application Support/Lumenforge/"),
         BYTES(kQuillLogFilePath, "~/Library/Logs/Lumenforge/"),
-        OBJECT(kQuillFileCachePath, "~/Library/Application Support/Lumenforge/Cache"),
-        OBJECT(kQuillDefaultClusterStoragePath, "~/Library/Application Support/Lumenforge/Storage/"),
-        OBJECT(kQuillClusterStorageMountPath, "/Users/Shared/Library/Application Support/Lumenforge/Storage/"),
-        OBJECT(kQuillClusterStorageExportsFilePath, "~/Library/Application Support/Lumenforge/exports"),
-        OBJECT(kQuillClusterStorageSubPath, "shared"),
-        OBJECT(kQuillClusterSubexpSubPath, "subexp"),
-        OBJECT(kQuillSpooledJobsSubPath, "jobs"),
-        OBJECT(kQuillJobResultsSubPath, "shared/results"),
-        OBJECT(kQuillLocalClusterStoragePath, "/tmp/corvane"),
-        OBJECT(kQuillClusterJobCacheFilePath, "~/Library/Application Support/Lumenforge/jobcontroller:com.tessaly.corvane.cluster.jobcache.db"),
-        OBJECT(kQuillClusterJobCacheUserFilePath, "~/Library/Application Support/Lumenforge/jobcontroller:com.tessaly.lumenforge.cluster.jobcache.db"),
-        OBJECT(kQuillCaptraConverterJobCacheFilePath, "~/Library/Application Support/Lumenforge/com.tessaly.lumenforge.LXCaptionSubtitleProcessor.jobcache.db"),
-        BYTES(kQuillFrameworksInstallPath, "/TessalyInternal/Library/EmbeddedFrameworks/Kelvra/Frameworks/"),
         BYTES(kLoopbackAddress, "127.0.0.1"),
         OBJECT(kEmptyString, ""),
         BYTES(kClusterAdminServiceKind, "jobcontroller:com.tessaly.corvane.cluster.admin"),
@@ -72,34 +59,8 @@ const std::vector<Row>& table() {
         BYTES(kTolvaTranscoder32bitServiceKind, "servicecontroller:com.tessaly.tolva.transcoder32bit.tolva"),
         BYTES(kClusterAdminServiceDesc, "Corvane Cluster Admin"),
         OBJECT(kClusterServiceDesc, "Corvane Cluster Admin"),
-        OBJECT(kDictKeyAdd, "add"),
-        OBJECT(kDictKeyRemove, "remove"),
-        OBJECT(kDictKeyReplace, "replace"),
-        OBJECT(kDictKeyUpdate, "update"),
-        OBJECT(kDictKeyMerge, "merge"),
-        OBJECT(kDictKeyClear, "clear"),
-        OBJECT(kDictKeyKind, "kind"),
-        OBJECT(kDictKeySubkind, "subkind"),
-        OBJECT(kDictKeyName, "name"),
-        OBJECT(kDictKeyUniqueID, "uniqueID"),
-        OBJECT(kDictKeyUserID, "uid"),
-        OBJECT(kDictKeyProcessID, "pid"),
-        OBJECT(kDictKeyAccessKey, "akey"),
-        OBJECT(kDictKeyCaptureKey, "ckey"),
-        OBJECT(kDictKeyCapturePermKey, "cpkey"),
-        OBJECT(kDictKeyEnabled, "enabled"),
-        OBJECT(kDictKeyPrefs, "prefs"),
-        OBJECT(kDictKeyConfig, "config"),
         OBJECT(kDictKeyLogging, "logging"),
-        OBJECT(kDictKeyDelay, "delay"),
         OBJECT(kDictKeyHeadless, "headless"),
-        OBJECT(kDictKeyServiceType, "serviceType"),
-        OBJECT(kDictKeyServiceConfigEntry, "serviceConfigEntry"),
-        OBJECT(kDictKeyServiceInstance, "serviceInstance"),
-        OBJECT(kDictKeyServiceKind, "service"),
-        OBJECT(kDictKeyServiceList, "serviceList"),
-        OBJECT(kDictKeyCancelJobs, "cancelJobs"),
-        OBJECT(kDictKeyStorage, "storage"),
         OBJECT(kDictKeyTaskPtr, "taskPtr"),
         OBJECT(qn::kQuillStatusNotification, "CorvaneStatusNotification2"),
         OBJECT(qn::kQuillAppStoppingNotification, "CorvaneAppTerminatedNotification2"),

@@ -52,9 +52,8 @@ TEST_F(QuillNotificationTest, ErrorWithoutSenderOrMessageCarriesEmptyTextsAndNoU
     EXPECT_EQ(d.sender, nullptr);
     ASSERT_NE(d.userInfo, nullptr);
     EXPECT_EQ(d.userInfo->count(), 5u);
-    EXPECT_EQ(PLDynamicCast<PLString>(d.userInfo->get("type"))->str(), "error");
-    EXPECT_EQ(PLDynamicCast<PLString>(d.userInfo->get("from"))->str(), "");
-    EXPECT_EQ(PLDynamicCast<PLString>(d.userInfo->get("message"))->str(), "");
+    for (const auto& [field, value] : {std::pair{"type", "error"}, {"from", ""}, {"message", ""}})
+        EXPECT_EQ(PLDynamicCast<PLString>(d.userInfo->get(field))->str(), value) << field;
     EXPECT_EQ(PLDynamicCast<PLNumber>(d.userInfo->get("pid"))->int32Value(), getpid());
     EXPECT_FALSE(PLDynamicCast<PLNumber>(d.userInfo->get("pid"))->isFloat());
     EXPECT_FALSE(d.userInfo->contains(PLString::create("userInfo").get()));
@@ -75,10 +74,9 @@ TEST_F(QuillNotificationTest, StatusAndWarningCarrySenderMessageTimeAndExtraValu
     ASSERT_EQ(inbox.got.size(), 2u);
     const PLDictionary* status = inbox.got[0].userInfo.get();
     EXPECT_EQ(inbox.got[0].sender->str(), "com.tessaly.corvane.app");
-    EXPECT_EQ(PLDynamicCast<PLString>(status->get("time"))->str(), "02/01/2001 13:05:07.250");
-    EXPECT_EQ(PLDynamicCast<PLString>(status->get("type"))->str(), "status");
-    EXPECT_EQ(PLDynamicCast<PLString>(status->get("from"))->str(), "com.tessaly.corvane.app");
-    EXPECT_EQ(PLDynamicCast<PLString>(status->get("message"))->str(), "hello");
+    for (const auto& [field, value] : {std::pair{"time", "02/01/2001 13:05:07.250"}, {"type", "status"},
+                                       {"from", "com.tessaly.corvane.app"}, {"message", "hello"}})
+        EXPECT_EQ(PLDynamicCast<PLString>(status->get(field))->str(), value) << field;
     EXPECT_TRUE(PLEqual(status->get("userInfo"), extra.get()));
 
     EXPECT_EQ(PLDynamicCast<PLString>(inbox.got[1].userInfo->get("type"))->str(), "warning");

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstring>
 #include <sstream>
 
 namespace {
@@ -32,14 +31,12 @@ TEST_F(CTimeStampTest, FormatsAndStreamsMonthBeforeDayWithMilliseconds) {
 
     CTimeStamp later(secondsUntil(std::chrono::year(2026) / 7 / 4) + 9 * 3600 + 5 * 60 + 5.25);
     EXPECT_STREQ(later.text(), "07/04/2026 09:05:05.250");
-    EXPECT_EQ(std::strlen(later.text()), 23u);
     // Years past four digits are not cut.
     CTimeStamp far(secondsUntil(std::chrono::year(12345) / 6 / 7) + 3600);
     EXPECT_STREQ(far.text(), "06/07/12345 01:00:00.000");
 
-    CTimeStamp copy = later;
     std::ostringstream out;
-    out << copy << "message";
+    out << later << "message";
     EXPECT_EQ(out.str(), "07/04/2026 09:05:05.250: message");
 }
 

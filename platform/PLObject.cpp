@@ -368,10 +368,14 @@ PLHolder<PLMutableData> PLMutableData::create(const void* bytes, std::size_t siz
 
 void PLMutableData::append(const void* bytes, std::size_t size) {
     const auto* p = static_cast<const std::uint8_t*>(bytes);
-    _bytes.insert(_bytes.end(), p, p + size);
+    _storage.insert(_storage.end(), p, p + size);
+    sync();
 }
 
-void PLMutableData::resize(std::size_t size) { _bytes.resize(size, 0); }
+void PLMutableData::resize(std::size_t size) {
+    _storage.resize(size, 0);
+    sync();
+}
 
 // ---------------------------------------------------------------- URL
 
@@ -927,10 +931,12 @@ PLHolder<const PLDate> PLObjectFactory::date(double at) {
     return PLHolder<const PLDate>::adopt(mark(new (mem) PLDate(at)));
 }
 
-PLHolder<const PLData> PLObjectFactory::data(std::vector<std::uint8_t>&& bytes) {
-    void* at = allocate(sizeof(PLData));
-    if (!at) return PLData::create(std::move(bytes));
-    return PLHolder<const PLData>::adopt(mark(new (at) PLData(false, std::move(bytes))));
+PLHolder<const PLData> PLObjectFactory::data(const std::uint8_t* bytes, std::size_t size) {
+    void* at = allocate(sizeof(PLData) + size);
+    if (!at) return PLData::create(bytes, size);
+    auto* behind = static_cast<std::uint8_t*>(at) + sizeof(PLData);
+    if (size != 0) std::memcpy(behind, bytes, size);
+    return PLHolder<const PLData>::adopt(mark(new (at) PLData(behind, size)));
 }
 
 PLHolder<const PLArray> PLObjectFactory::array(std::vector<PLHolder<const PLObject>>&& values) {

@@ -46,7 +46,7 @@ public:
     PLHolder<const PLNumber> integer(std::int64_t value);
     PLHolder<const PLNumber> real(double value);
     PLHolder<const PLDate> date(double at);
-    PLHolder<const PLData> data(std::vector<std::uint8_t>&& bytes);
+    PLHolder<const PLData> data(const std::uint8_t* bytes, std::size_t size);
     PLHolder<const PLArray> array(std::vector<PLHolder<const PLObject>>&& values);
     // As PLDictionary::createFromEntries. When given, keyHashes[i] must be
     // entries[i].first->hash(); the array is overwritten.

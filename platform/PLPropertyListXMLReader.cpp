@@ -4,8 +4,10 @@
 // leaf is pushed when its element ends, and a container, when it ends, takes
 // its elements (for a dictionary, alternating keys and values) off the top of
 // the stack in one move into an exactly sized vector. Character data is
-// gathered into one reused buffer, and only inside leaf elements; between
-// elements it must be whitespace.
+// kept only inside leaf elements (between elements it must be white space):
+// a leaf whose text expat hands over in one piece is read where it lies in
+// expat's input buffer, and only text in several pieces is gathered into one
+// reused buffer.
 #include <quillcore/platform/PLPropertyList.h>
 
 #include "platform/PLObjectFactory.h"
@@ -14,6 +16,7 @@
 
 #include <expat.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cfloat>
@@ -74,13 +77,13 @@ Element classify(const char* name) noexcept {
     }
 }
 
-constexpr std::uint64_t kXMLSpaceBits = (std::uint64_t{1} << ' ') | (std::uint64_t{1} << '\t') |
-                                        (std::uint64_t{1} << '\n') | (std::uint64_t{1} << '\r');
+constexpr std::array<bool, 256> kIsXMLSpace = [] {
+    std::array<bool, 256> t{};
+    t[' '] = t['\t'] = t['\n'] = t['\r'] = true;
+    return t;
+}();
 
-bool isXMLSpace(char c) noexcept {
-    const auto u = static_cast<unsigned char>(c);
-    return u <= ' ' && ((kXMLSpaceBits >> u) & 1) != 0;
-}
+bool isXMLSpace(char c) noexcept { return kIsXMLSpace[static_cast<unsigned char>(c)]; }
 
 [[gnu::noinline]] std::string_view trimSlow(std::string_view s) noexcept {
     while (!s.empty() && isXMLSpace(s.front())) s.remove_prefix(1);
@@ -220,18 +223,19 @@ public:
     XMLReader() : _parser(XML_ParserCreate(nullptr)), _hashSalt(drawHashSalt()) {
         if (!_parser) throw std::bad_alloc();
         makeTextBuffer(kFirstText);
+        _text = _textBuffer.get();
     }
     ~XMLReader() { XML_ParserFree(_parser); }
     XMLReader(const XMLReader&) = delete;
     XMLReader& operator=(const XMLReader&) = delete;
 
-    PLHolder<const PLObject> parse(const char* bytes, std::size_t size, PLMutability mutability,
+    PLHolder<const PLObject> parse(const char* bytes, std::size_t size, std::size_t piece, PLMutability mutability,
                                    std::string* error) {
         _mutableContainers = mutability != PLMutability::Immutable;
         _mutableLeaves = mutability == PLMutability::MutableContainersAndLeaves;
         PLObjectFactory factory(size >= kPooledDocumentSize);
         _factory = &factory;
-        PLHolder<const PLObject> result = run(bytes, size, error);
+        PLHolder<const PLObject> result = run(bytes, size, piece, error);
         recycle();
         return result;
     }
@@ -255,6 +259,7 @@ private:
         if (_values.capacity() > kKeptValues) std::vector<PLHolder<const PLObject>>().swap(_values);
         if (_keyHashes.capacity() > kKeptValues) std::vector<std::size_t>().swap(_keyHashes);
         if (_textCapacity > kKeptText) makeTextBuffer(kFirstText);
+        _text = _textBuffer.get();
         _textSize = 0;
         _inLeaf = false;
         _failed = false;
@@ -263,7 +268,7 @@ private:
         _factory = nullptr;
     }
 
-    PLHolder<const PLObject> run(const char* bytes, std::size_t size, std::string* error) {
+    PLHolder<const PLObject> run(const char* bytes, std::size_t size, std::size_t piece, std::string* error) {
         if (!XML_ParserReset(_parser, nullptr)) throw std::bad_alloc();
         if (_hashSalt) XML_SetHashSalt(_parser, _hashSalt);
         XML_SetUserData(_parser, this);
@@ -271,14 +276,16 @@ private:
         XML_SetCharacterDataHandler(_parser, &XMLReader::onText);
         XML_SetEntityDeclHandler(_parser, &XMLReader::onEntityDecl);
         XML_SetSkippedEntityHandler(_parser, &XMLReader::onSkippedEntity);
-        // expat takes int lengths: feed very large inputs in pieces.
-        constexpr std::size_t kPiece = std::size_t{1} << 30;
+        piece = std::clamp<std::size_t>(piece, 1, plimpl::kXMLPiece);
         std::size_t done = 0;
         XML_Status status = XML_STATUS_OK;
         do {
-            const std::size_t n = std::min(kPiece, size - done);
+            const std::size_t n = std::min(piece, size - done);
+            _inputBegin = _inputEnd = 0;
             status = XML_Parse(_parser, bytes + done, static_cast<int>(n), done + n == size);
             done += n;
+            // The next call may move expat's buffer under borrowed text.
+            if (_text != _textBuffer.get()) keepText();
         } while (status == XML_STATUS_OK && done < size);
 
         if (_failed || status != XML_STATUS_OK) {
@@ -347,6 +354,7 @@ private:
     static bool isContainer(Element kind) noexcept { return kind == Element::Dict || kind == Element::Array; }
 
     void start(const char* name) {
+        if (!_inputEnd) findInput();
         const Element kind = classify(name);
         if (_inLeaf || kind == Element::Unknown || kind == Element::Plist || _frames.empty())
             return unusualStart(kind, name);
@@ -358,7 +366,20 @@ private:
         if (isContainer(kind)) return open(kind);
         _inLeaf = true;
         _leaf = kind;
+        _text = _textBuffer.get();
         _textSize = 0;
+    }
+
+    // Where expat keeps the input of the current XML_Parse call; the buffer
+    // stays put until the call returns. Nothing is borrowed when expat
+    // cannot say.
+    [[gnu::noinline]] void findInput() noexcept {
+        int offset = 0;
+        int size = 0;
+        if (const char* buffer = XML_GetInputContext(_parser, &offset, &size)) {
+            _inputBegin = reinterpret_cast<std::uintptr_t>(buffer);
+            _inputEnd = _inputBegin + static_cast<std::size_t>(size);
+        }
     }
 
     [[gnu::noinline]] void open(Element kind) {
@@ -398,11 +419,34 @@ private:
         return static_cast<const PLString*>(_values[slot].get())->utf8();
     }
 
+    // The first piece of a leaf's text is borrowed when it lies in expat's
+    // input (a line break, or the text of a reference, comes from elsewhere:
+    // expat's own short-lived storage); a later piece first copies what was
+    // borrowed.
     void appendText(const char* s, std::size_t len) {
+        const auto at = reinterpret_cast<std::uintptr_t>(s);
+        if (_textSize == 0 && at >= _inputBegin && at < _inputEnd) {
+            _text = s;
+            _textSize = len;
+            return;
+        }
+        copyText(s, len);
+    }
+
+    [[gnu::noinline]] void copyText(const char* s, std::size_t len) {
+        if (_text != _textBuffer.get()) keepText();
         if (len > _textCapacity - _textSize) return growAndAppendText(s, len);
         char* const to = _textBuffer.get() + _textSize;
         _textSize += len;
         std::memcpy(to, s, len);  // last, so that it is a tail call
+    }
+
+    // Copies borrowed text into the text buffer.
+    [[gnu::noinline]] void keepText() {
+        const std::size_t n = _textSize;
+        if (n > _textCapacity) makeTextBuffer(std::max(_textCapacity * 2, n));
+        std::memcpy(_textBuffer.get(), _text, n);
+        _text = _textBuffer.get();
     }
 
     [[gnu::noinline]] void growAndAppendText(const char* s, std::size_t len) {
@@ -414,6 +458,7 @@ private:
         std::unique_ptr<char[]> old = std::move(_textBuffer);
         makeTextBuffer(std::max(_textCapacity * 2, _textSize + len));
         std::memcpy(_textBuffer.get(), old.get(), _textSize);
+        _text = _textBuffer.get();
     }
 
     void makeTextBuffer(std::size_t capacity) {
@@ -421,7 +466,7 @@ private:
         _textCapacity = capacity;
     }
 
-    std::string_view leafText() const noexcept { return {_textBuffer.get(), _textSize}; }
+    std::string_view leafText() const noexcept { return {_text, _textSize}; }
 
     [[gnu::cold, gnu::noinline]] void strayText(const char* s, std::size_t len) {
         const char* where = _frames.empty() ? "plist" : elementName(_frames.back().kind);
@@ -452,7 +497,7 @@ private:
 
     void push(PLHolder<const PLObject>&& value) { _values.push_back(std::move(value)); }
 
-    void endContainer() {
+    [[gnu::noinline]] void endContainer() {
         const Frame frame = _frames.back();
         _frames.pop_back();
         const auto first = _values.begin() + frame.base;
@@ -596,6 +641,7 @@ private:
     // where a word holds none), then decoded four at a time, invalid symbols
     // only noted on the way.
     [[gnu::noinline]] void makeData() {
+        if (_text != _textBuffer.get()) keepText();  // decoded in place
         auto* const c = reinterpret_cast<unsigned char*>(_textBuffer.get());
         const std::size_t size = _textSize;
         std::size_t n = 0;
@@ -625,8 +671,10 @@ private:
         const std::size_t pads = lastIsPad + (lastIsPad && n >= 2 && c[n - 2] == '=');
         const std::size_t symbols = n - pads;
         const std::size_t rest = symbols % 4;
-        std::vector<std::uint8_t> bytes(symbols / 4 * 3 + 3);
-        std::uint8_t* d = bytes.data();
+        // Decoded in place: a group's three bytes go where its four symbols
+        // began, and it is read before it is overwritten.
+        std::uint8_t* const bytes = c;
+        std::uint8_t* d = bytes;
         const unsigned char* s = c;
         const unsigned char* const whole = c + (symbols - rest);
         std::uint32_t seen = 0;
@@ -643,14 +691,14 @@ private:
         c[symbols] = c[symbols + 1] = c[symbols + 2] = 'A';
         const std::uint32_t v = kBase64[0][s[0]] | kBase64[1][s[1]] | kBase64[2][s[2]];
         seen |= v;
-        d[0] = static_cast<std::uint8_t>(v >> 16);
-        d[1] = static_cast<std::uint8_t>(v >> 8);
         if (seen & kNotBase64) return fail("invalid base64 data in <data>");
         if (rest == 1) return fail("invalid base64 data in <data> (truncated)");
+        d[0] = static_cast<std::uint8_t>(v >> 16);
+        d[1] = static_cast<std::uint8_t>(v >> 8);
         constexpr unsigned char kBytesOfRest[] = {0, 0, 1, 2};
-        bytes.resize(static_cast<std::size_t>(d - bytes.data()) + kBytesOfRest[rest]);
-        if (_mutableLeaves) return push(PLMutableData::create(bytes.data(), bytes.size()));
-        push(_factory->data(std::move(bytes)));
+        const std::size_t length = static_cast<std::size_t>(d - bytes) + kBytesOfRest[rest];
+        if (_mutableLeaves) return push(PLMutableData::create(bytes, length));
+        push(_factory->data(bytes, length));
     }
 
     XML_Parser const _parser;
@@ -662,10 +710,16 @@ private:
     std::vector<PLHolder<const PLObject>> _values;
     // hash() of each key on the operand stack, in order.
     std::vector<std::size_t> _keyHashes;
-    // Character data of the current leaf; always allocated, with kTextSlack
-    // bytes beyond _textCapacity.
+    // Character data of the current leaf: _textSize bytes at _text, which is
+    // either _textBuffer or borrowed from expat's input, [_inputBegin,
+    // _inputEnd) while a call to XML_Parse lasts (both zero until known).
+    // The buffer is always allocated, with kTextSlack bytes beyond
+    // _textCapacity.
     std::unique_ptr<char[]> _textBuffer;
+    const char* _text = nullptr;
     std::size_t _textSize = 0;
+    std::uintptr_t _inputBegin = 0;
+    std::uintptr_t _inputEnd = 0;
     std::size_t _textCapacity = 0;
     Element _leaf = Element::Unknown;
     bool _inLeaf = false;
@@ -681,7 +735,8 @@ thread_local bool tCacheGone = false;
 
 namespace plimpl {
 
-PLHolder<const PLObject> readXML(const void* bytes, std::size_t size, PLMutability mutability, std::string* error) {
+PLHolder<const PLObject> readXML(const void* bytes, std::size_t size, PLMutability mutability, std::string* error,
+                                 std::size_t piece) {
     // Each thread keeps its reader. It is taken out while in use, so a
     // reader is never shared; once the thread's cache is gone (a document
     // read from a thread-exit destructor), readers are made per document.
@@ -693,7 +748,7 @@ PLHolder<const PLObject> readXML(const void* bytes, std::size_t size, PLMutabili
     std::unique_ptr<XMLReader> reader;
     if (!tCacheGone) reader = std::move(cache.reader);
     if (!reader) reader = std::make_unique<XMLReader>();
-    PLHolder<const PLObject> result = reader->parse(static_cast<const char*>(bytes), size, mutability, error);
+    PLHolder<const PLObject> result = reader->parse(static_cast<const char*>(bytes), size, piece, mutability, error);
     if (!tCacheGone) cache.reader = std::move(reader);
     return result;
 }

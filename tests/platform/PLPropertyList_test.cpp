@@ -1,5 +1,6 @@
 #include <quillcore/platform/PLPropertyList.h>
 
+#include "platform/PLPropertyListReaders.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -271,8 +272,8 @@ TEST(PLPropertyListRoundTrip, XMLAndBinaryGiveEqualTreesWithTheAskedMutability) 
     }
 }
 
-TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
-    const std::string doc =
+// Every form of the XML format that the reader must take.
+const std::string kEveryForm =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
         "<!DOCTYPE plist PUBLIC \"-//Example//DTD PLIST 1.0//EN\" \"http://example.com/plist.dtd\">\n"
         "<!-- made by hand -->\n"
@@ -288,8 +289,10 @@ TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
         " <key>refs</key><string>&amp;&#x1F600;&#65;</string>\n"
         " <key>dup</key><string>first</string><key>dup</key><string>second</string><key>empty</key><string/>\n"
         "</dict></plist>\n";
+
+TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
     std::string error;
-    auto plist = parse(doc, &error);
+    auto plist = parse(kEveryForm, &error);
     ASSERT_TRUE(plist) << error;
     const PLDictionary* d = dict(plist);
     auto number = [&](const char* key) { return static_cast<const PLNumber*>(d->get(key)); };
@@ -505,6 +508,37 @@ TEST(PLPropertyListReader, ReadsLeavesOfAnySizeOneAfterAnother) {
         auto text = parse("<plist><string>" + std::string(size, 'x') + "</string></plist>");
         ASSERT_TRUE(text);
         EXPECT_EQ(static_cast<const PLString*>(text.get())->size(), size);
+    }
+}
+
+// Leaf text is read where it lies in the parser's input when it comes in
+// one piece, so every place a document can be cut between two calls into
+// the parser must give the same tree, or the same refusal.
+TEST(PLPropertyListReader, GivesTheSameResultWhereverTheInputIsCut) {
+    std::string text;
+    for (int i = 0; i < 3000; ++i) text += static_cast<char>('a' + i * 7 % 26);
+    auto array = PLMutableArray::create();
+    array->append(PLString::create(text + "&<>\xC3\xA9"));
+    array->append(PLData::create(std::string(500, '\x7F').data(), 500));
+    array->append(PLNumber::create(-1234.5678));
+    array->append(PLDate::create(12345.25));
+    for (int i = 0; i < 400; ++i) array->append(PLString::create(std::to_string(i * 7919)));
+    const std::string written = writeXML(array.get());
+    const std::string refused = "<plist><dict><key>k</key><string>ab&amp;c</string><key>j</key></dict></plist>";
+    for (const std::string* doc : {&kEveryForm, &written, &refused}) {
+        for (const auto mutability : {PLMutability::Immutable, PLMutability::MutableContainersAndLeaves}) {
+            std::string wholeError;
+            const auto whole = plimpl::readXML(doc->data(), doc->size(), mutability, &wholeError);
+            ASSERT_EQ(doc != &refused, static_cast<bool>(whole)) << wholeError;
+            for (const std::size_t piece : {1u, 2u, 3u, 7u, 64u, 1000u, 1500u, 4099u}) {
+                std::string error;
+                const auto cut = plimpl::readXML(doc->data(), doc->size(), mutability, &error, piece);
+                EXPECT_EQ(error, wholeError) << piece;
+                if (whole) {
+                    EXPECT_TRUE(cut && cut->equals(*whole)) << piece;
+                }
+            }
+        }
     }
 }
 

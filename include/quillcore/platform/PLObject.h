@@ -379,21 +379,32 @@ public:
     // Takes over `bytes` without copying.
     static PLHolder<const PLData> create(std::vector<std::uint8_t>&& bytes);
 
-    const std::uint8_t* bytes() const noexcept { return _bytes.data(); }
-    std::size_t size() const noexcept { return _bytes.size(); }
-    std::string_view view() const noexcept {
-        return {reinterpret_cast<const char*>(_bytes.data()), _bytes.size()};
-    }
+    const std::uint8_t* bytes() const noexcept { return _data; }
+    std::size_t size() const noexcept { return _size; }
+    std::string_view view() const noexcept { return {reinterpret_cast<const char*>(_data), _size}; }
 
     static bool matches(const PLObject& o) noexcept { return o.typeID() == PLTypeID::Data; }
 
 protected:
     PLData(bool isMutable, std::vector<std::uint8_t>&& bytes) noexcept
-        : PLObject(PLTypeID::Data, isMutable), _bytes(std::move(bytes)) {}
+        : PLObject(PLTypeID::Data, isMutable), _storage(std::move(bytes)) {
+        sync();
+    }
+    // For bytes kept right behind the object (see PLObjectFactory).
+    PLData(const std::uint8_t* bytes, std::size_t size) noexcept
+        : PLObject(PLTypeID::Data, false), _data(bytes), _size(size) {}
     ~PLData() = default;
     friend class PLObject;
     friend class PLObjectFactory;
-    std::vector<std::uint8_t> _bytes;
+    void sync() noexcept {
+        _data = _storage.data();
+        _size = _storage.size();
+    }
+
+    const std::uint8_t* _data = nullptr;
+    std::size_t _size = 0;
+    // The bytes, unless they are behind the object.
+    std::vector<std::uint8_t> _storage;
 };
 
 class QUILL_PLATFORM_EXPORT PLMutableData final : public PLData {
@@ -403,7 +414,7 @@ public:
     void append(const void* bytes, std::size_t size);
     // New bytes are zero.
     void resize(std::size_t size);
-    std::uint8_t* mutableBytes() noexcept { return _bytes.data(); }
+    std::uint8_t* mutableBytes() noexcept { return _storage.data(); }
 
     static bool matches(const PLObject& o) noexcept { return PLData::matches(o) && o.isMutable(); }
 

@@ -85,6 +85,13 @@ constexpr std::array<bool, 256> kIsXMLSpace = [] {
 
 bool isXMLSpace(char c) noexcept { return kIsXMLSpace[static_cast<unsigned char>(c)]; }
 
+bool isAllSpace(const char* s, std::size_t len) noexcept {
+    for (std::size_t i = 0; i < len; ++i) {
+        if (!isXMLSpace(s[i])) return false;
+    }
+    return true;
+}
+
 [[gnu::noinline]] std::string_view trimSlow(std::string_view s) noexcept {
     while (!s.empty() && isXMLSpace(s.front())) s.remove_prefix(1);
     while (!s.empty() && isXMLSpace(s.back())) s.remove_suffix(1);
@@ -338,9 +345,7 @@ private:
     static void XMLCALL onText(void* self, const XML_Char* s, int len) {
         auto* reader = static_cast<XMLReader*>(self);
         if (reader->_inLeaf) return reader->appendText(s, static_cast<std::size_t>(len));
-        for (int i = 0; i < len; ++i) {
-            if (!isXMLSpace(s[i])) return reader->strayText(s, static_cast<std::size_t>(len));
-        }
+        if (!isAllSpace(s, static_cast<std::size_t>(len))) reader->strayText(s, static_cast<std::size_t>(len));
     }
     static void XMLCALL onEntityDecl(void* self, const XML_Char* entityName, int, const XML_Char*, int,
                                      const XML_Char*, const XML_Char*, const XML_Char*, const XML_Char*) {
@@ -434,6 +439,9 @@ private:
     }
 
     [[gnu::noinline]] void copyText(const char* s, std::size_t len) {
+        // White space in base64 is dropped anyway: the line breaks and
+        // indentation of <data> need not be kept.
+        if (_leaf == Element::Data && isAllSpace(s, len)) return;
         if (_text != _textBuffer.get()) keepText();
         if (len > _textCapacity - _textSize) return growAndAppendText(s, len);
         char* const to = _textBuffer.get() + _textSize;

@@ -3,6 +3,8 @@
 // Input: any bytes, read as a property list of either format (told by
 // content). Refusals must come with a reason. Whatever is read must:
 //   - read the same with every mutability option;
+//   - for XML, read the same when fed to the parser in pieces (of a size
+//     taken from the input), so text that straddles two calls is whole;
 //   - survive the XML writer: written, read back, equal, and written again
 //     byte for byte the same (the writer's form is canonical), unless the
 //     writer refuses it, which PLPropertyListIsValid must then predict;
@@ -12,10 +14,13 @@
 // (the reader allows more, and writing them out would only measure memory).
 #include <quillcore/platform/PLPropertyList.h>
 
+#include "platform/PLPropertyListReaders.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -78,10 +83,24 @@ void checkBinary(const PLObject* plist) {
 
 }  // namespace
 
+// The XML reader given the document in pieces must agree with it given
+// the whole.
+void checkPieces(const std::uint8_t* bytes, std::size_t size, const PLObject* whole) {
+    if (size == 0 || (size >= 6 && std::memcmp(bytes, "bplist", 6) == 0)) return;
+    const std::size_t piece = 1 + bytes[size / 2] % 97;
+    std::string error;
+    const auto cut = plimpl::readXML(bytes, size, PLMutability::Immutable, &error, piece);
+    if (static_cast<bool>(cut) != static_cast<bool>(whole))
+        failCheck("reading in pieces changed whether it reads", error);
+    if (cut && !cut->equals(*whole)) failCheck("reading in pieces changed the value", std::to_string(piece));
+    if (!cut && error.empty()) failCheck("refused in pieces without a reason", "");
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     if (size > kMaxInput) return 0;
     std::string error;
     const auto plist = read(bytes, size, PLMutability::Immutable, &error);
+    checkPieces(bytes, size, plist.get());
     if (!plist) {
         if (error.empty()) failCheck("refused without a reason", "");
         return 0;

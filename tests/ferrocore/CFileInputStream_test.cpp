@@ -14,24 +14,18 @@
 namespace ferrocore {
 namespace {
 
-// Bytes of every value, longer than the copy buffer and not a multiple of it.
-std::string sampleContents() {
+TEST(FileInputStreamTest, ReadsInFullBuffersAndCopiesOverOldContents) {
+    quilltest::TempDir dir("fis");
+    const auto path = [&](const char* name) { return (dir / name).string(); };
+    // Bytes of every value, longer than the copy buffer and not a multiple of it.
     std::string contents(200 * 1024 + 17, '\0');
     for (std::size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<char>((i * 131 + i / 7) & 0xFF);
-    return contents;
-}
+    quilltest::writeFile(path("from"), contents);
 
-TEST(FileInputStreamTest, ReadsSizeAndContents) {
-    quilltest::TempDir dir("fis");
-    const std::string contents = sampleContents();
-    quilltest::writeFile(dir / "in", contents);
-
-    CFileInputStream stream((dir / "in").string());
-    EXPECT_EQ(stream.size(), contents.size());
+    CFileInputStream stream(path("from"));
     std::string read;
     char buffer[5000];
-    std::size_t n;
-    while ((n = stream.read(buffer, sizeof(buffer))) > 0) {
+    for (std::size_t n; (n = stream.read(buffer, sizeof(buffer))) > 0;) {
         read.append(buffer, n);
         if (read.size() < contents.size()) {
             EXPECT_EQ(n, sizeof(buffer));
@@ -39,60 +33,49 @@ TEST(FileInputStreamTest, ReadsSizeAndContents) {
     }
     EXPECT_EQ(read, contents);
     EXPECT_EQ(stream.read(buffer, sizeof(buffer)), 0u);
+    EXPECT_EQ(CFileInputStream(std::move(stream)).size(), contents.size());
 
-    CFileInputStream moved(std::move(stream));
-    EXPECT_EQ(moved.size(), contents.size());
+    // The target keeps its mode and loses all of its longer old contents.
+    quilltest::writeFile(path("to"), std::string(300 * 1024, 'x'));
+    chmod(path("to").c_str(), 0600);
+    EXPECT_EQ(copyFileContents(path("from"), path("to")), contents.size());
+    EXPECT_EQ(quilltest::readFile(path("to")), contents);
+    struct stat status;
+    ASSERT_EQ(stat(path("to").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    quilltest::writeFile(path("empty"), "");
+    EXPECT_EQ(copyFileContents(path("empty"), path("new")), 0u);
+    EXPECT_EQ(quilltest::readFile(path("new")), "");
 }
 
-TEST(FileInputStreamTest, OpenFailureIsASystemCallException) {
+TEST(FileInputStreamTest, FailuresSayWhyAndLeaveTheSourceAlone) {
     quilltest::TempDir dir("fis");
-    const std::string path = (dir / "missing").string();
+    const auto path = [&](const char* name) { return (dir / name).string(); };
     try {
-        CFileInputStream stream(path);
+        CFileInputStream stream(path("missing"));
         ADD_FAILURE() << "no exception";
     } catch (const CException& e) {
         EXPECT_EQ(e.kind(), kExceptionKindSystemCall);
         EXPECT_EQ(e.errorNumber(), ENOENT);
-        EXPECT_EQ(e.message(), "CFileInputStream::open(" + path + "): can't open file, error = No such file or directory");
+        EXPECT_EQ(e.message(),
+                  "CFileInputStream::open(" + path("missing") + "): can't open file, error = No such file or directory");
     }
     // A directory opens but cannot be read.
-    CFileInputStream directory(dir.str());
     char c;
-    EXPECT_THROW(directory.read(&c, 1), CException);
-}
+    EXPECT_THROW(CFileInputStream(dir.str()).read(&c, 1), CException);
 
-TEST(CopyFileContentsTest, CopiesWholeFilesAndReplacesOldContents) {
-    quilltest::TempDir dir("copy");
-    const std::string contents = sampleContents();
-    quilltest::writeFile(dir / "from", contents);
-    quilltest::writeFile(dir / "to", std::string(300 * 1024, 'x'));
-    chmod((dir / "to").c_str(), 0600);
-
-    EXPECT_EQ(copyFileContents((dir / "from").string(), (dir / "to").string()), contents.size());
-    EXPECT_EQ(quilltest::readFile(dir / "to"), contents);
-    struct stat status;
-    ASSERT_EQ(stat((dir / "to").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
-
-    quilltest::writeFile(dir / "empty", "");
-    EXPECT_EQ(copyFileContents((dir / "empty").string(), (dir / "new").string()), 0u);
-    EXPECT_EQ(quilltest::readFile(dir / "new"), "");
-}
-
-TEST(CopyFileContentsTest, Failures) {
-    quilltest::TempDir dir("copy");
-    quilltest::writeFile(dir / "from", "keep me");
+    quilltest::writeFile(path("from"), "keep me");
     try {
-        copyFileContents((dir / "nothing").string(), (dir / "to").string());
+        copyFileContents(path("missing"), path("to"));
         ADD_FAILURE() << "no exception";
     } catch (const CFileException& e) {
         EXPECT_EQ(e.errorNumber(), ENOENT);
         EXPECT_EQ(e.kind(), kExceptionKindIO);
     }
-    EXPECT_THROW(copyFileContents((dir / "from").string(), (dir / "no-dir" / "to").string()), CFileException);
+    EXPECT_THROW(copyFileContents(path("from"), path("no-dir/to")), CFileException);
     // Copying a file onto itself must not truncate it first.
-    EXPECT_THROW(copyFileContents((dir / "from").string(), (dir / "." / "from").string()), CFileException);
-    EXPECT_EQ(quilltest::readFile(dir / "from"), "keep me");
+    EXPECT_THROW(copyFileContents(path("from"), path("./from")), CFileException);
+    EXPECT_EQ(quilltest::readFile(path("from")), "keep me");
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ bool lockableFromOtherThread(M& mutex) {
     return taken;
 }
 
-TEST(MutexTest, AutoMutexExcludesOtherThreads) {
+TEST(MutexTest, AutoMutexExcludesOtherThreadsAndRecursiveOnesCount) {
     CMutexRef mutex = makeShared<CMutex>();
     long counter = 0;
     std::vector<std::thread> threads;
@@ -43,19 +43,18 @@ TEST(MutexTest, AutoMutexExcludesOtherThreads) {
         EXPECT_FALSE(lockableFromOtherThread(*mutex));
     }
     EXPECT_TRUE(lockableFromOtherThread(*mutex));
-}
 
-TEST(MutexTest, RecursiveMutexIsHeldUntilTheLastUnlock) {
-    CMutexRef mutex = makeShared<CRecursiveMutex>();
-    mutex->lock();
+    // A recursive mutex is held until the last unlock.
+    CMutexRef recursive = makeShared<CRecursiveMutex>();
+    recursive->lock();
     {
-        CAutoMutex again(*mutex);
-        EXPECT_TRUE(mutex->tryLock());
-        mutex->unlock();
+        CAutoMutex again(*recursive);
+        EXPECT_TRUE(recursive->tryLock());
+        recursive->unlock();
     }
-    EXPECT_FALSE(lockableFromOtherThread(*mutex));
-    mutex->unlock();
-    EXPECT_TRUE(lockableFromOtherThread(*mutex));
+    EXPECT_FALSE(lockableFromOtherThread(*recursive));
+    recursive->unlock();
+    EXPECT_TRUE(lockableFromOtherThread(*recursive));
 }
 
 TEST(ConditionalMutexTest, TimeoutReturnsFalseWithoutTheLock) {

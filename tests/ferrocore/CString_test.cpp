@@ -5,9 +5,10 @@
 #include <ferrocore/CString.h>
 #include <ferrocore/CXMLService.h>
 
+#include "support/RunCommand.h"
+
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -67,24 +68,9 @@ TEST(StringTest, LengthIndexAndFindCountCodePoints) {
     EXPECT_EQ(CString::create("\xED\xA0\x80")->length(), 3u);
 }
 
-TEST(StringTest, OptionsConstructor) {
-    CStringRef source = makeShared<CString>("a<b");
-    EXPECT_EQ(makeShared<CString>(*source, kStringOptionNone)->utf8(), "a<b");
-    EXPECT_EQ(makeShared<CString>(*source, kStringOptionXMLAttributeSafe)->utf8(), "a&lt;b");
-    EXPECT_THROW(makeShared<CString>(*source, static_cast<eStringOptions>(2)), CParamException);
-}
-
 // What /bin/sh makes of `printf %s <word>`.
 std::string shellPrintf(const std::string& word) {
-    const std::string command = "printf %s " + word;
-    FILE* pipe = popen(command.c_str(), "r");  // runs /bin/sh -c command
-    if (!pipe) return "<popen failed>";
-    std::string out;
-    char buffer[256];
-    std::size_t n;
-    while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-    pclose(pipe);
-    return out;
+    return quilltest::runCommand({"/bin/sh", "-c", "printf %s " + word}).out;
 }
 
 TEST(StringTest, ShellEscapedFilenameSurvivesTheShell) {
@@ -114,6 +100,11 @@ void expectAttributeRoundTrip(const std::string& value, const std::string& expec
 TEST(StringTest, XMLAttributeSafeCopyParsesBackToTheText) {
     EXPECT_EQ(CString::create("a&b<c>d\"e'f")->xmlAttributeSafeCopy()->utf8(), "a&amp;b&lt;c&gt;d&quot;e&apos;f");
     EXPECT_EQ(CString::create("&amp;")->xmlAttributeSafeCopy()->utf8(), "&amp;amp;");
+    // The copying constructor takes the same escaping as an option.
+    const CStringRef source = CString::create("a<b");
+    EXPECT_EQ(makeShared<CString>(*source, kStringOptionNone)->utf8(), "a<b");
+    EXPECT_EQ(makeShared<CString>(*source, kStringOptionXMLAttributeSafe)->utf8(), "a&lt;b");
+    EXPECT_THROW(makeShared<CString>(*source, static_cast<eStringOptions>(2)), CParamException);
     for (const char* text : {"a < b > c & \"d\" 'e'", "line1\nline2\r\n\tend", "日本 🎉", "]]> <![CDATA[ x"})
         expectAttributeRoundTrip(text, text);
     // Characters XML cannot carry become U+FFFD; the result still parses.

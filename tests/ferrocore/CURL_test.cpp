@@ -108,19 +108,13 @@ TEST(URLTest, QueryParametersAreEncodedAndOthersKept) {
     EXPECT_EQ(text(file->fileSystemPath()), "/d/.cvsubexp/a.mov");
 }
 
-bool userXattrsSupported(const std::string& path) {
-    if (setxattr(path.c_str(), "user.ferrocore.probe", "x", 1, 0) == 0) {
-        removexattr(path.c_str(), "user.ferrocore.probe");
-        return true;
-    }
-    return false;
-}
-
 TEST(URLTest, FileTypeAndCreatorCodes) {
     quilltest::TempDir dir("url");
     const std::string path = (dir / "movie.mov").string();
     quilltest::writeFile(path, "data");
-    if (!userXattrsSupported(path)) GTEST_SKIP() << "the temporary file system has no user extended attributes";
+    if (setxattr(path.c_str(), "user.ferrocore.probe", "x", 1, 0) != 0)
+        GTEST_SKIP() << "the temporary file system has no user extended attributes";
+    removexattr(path.c_str(), "user.ferrocore.probe");
 
     CURLRef url = CURL::createWithPath(path, false);
     EXPECT_EQ(url->getFileTypeCode(), "");

@@ -18,7 +18,7 @@ namespace {
 
 bool contains(const std::vector<pid_t>& pids, pid_t pid) { return std::find(pids.begin(), pids.end(), pid) != pids.end(); }
 
-TEST(ProcessUtilitiesTest, FindsThisProcessByItsFullName) {
+TEST(ProcessUtilitiesTest, FindsThisProcessByItsFullNameAndNoneThatIsNotThere) {
     // The test program's name is longer than the 15 bytes the kernel keeps.
     CStringRef name = ProcessUtilities::processNameForID(getpid());
     ASSERT_TRUE(name);
@@ -28,6 +28,11 @@ TEST(ProcessUtilitiesTest, FindsThisProcessByItsFullName) {
     EXPECT_TRUE(contains(ProcessUtilities::processIDsForName("ferrocore_tests", geteuid()), getpid()));
     EXPECT_FALSE(contains(ProcessUtilities::processIDsForName("ferrocore_tests", geteuid() + 1), getpid()));
     EXPECT_EQ(ProcessUtilities::processEffectiveUserForID(getpid()), geteuid());
+
+    for (const pid_t pid : {0, -1}) EXPECT_FALSE(ProcessUtilities::processNameForID(pid)) << pid;
+    EXPECT_FALSE(ProcessUtilities::processEffectiveUserForID(-5));
+    for (const char* name : {"no such process name here", ""})
+        EXPECT_TRUE(ProcessUtilities::processIDsForName(name).empty()) << name;
 }
 
 TEST(ProcessUtilitiesTest, FindsAChildByName) {
@@ -51,14 +56,6 @@ TEST(ProcessUtilitiesTest, FindsAChildByName) {
     waitpid(child, nullptr, 0);
     EXPECT_FALSE(ProcessUtilities::processNameForID(child));
     EXPECT_FALSE(contains(ProcessUtilities::processIDsForName("sleep"), child));
-}
-
-TEST(ProcessUtilitiesTest, UnknownProcesses) {
-    EXPECT_FALSE(ProcessUtilities::processNameForID(0));
-    EXPECT_FALSE(ProcessUtilities::processNameForID(-1));
-    EXPECT_FALSE(ProcessUtilities::processEffectiveUserForID(-5));
-    EXPECT_TRUE(ProcessUtilities::processIDsForName("no such process name here").empty());
-    EXPECT_TRUE(ProcessUtilities::processIDsForName("").empty());
 }
 
 TEST(UUIDStringTest, UppercaseVersion4AndUnique) {

@@ -5,9 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cmath>
 #include <string>
 #include <tuple>
+
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace {
@@ -16,6 +20,7 @@ using quill::platform::CCalendarDate;
 using quill::platform::CHostWrapper;
 using quill::platform::CScopedHost;
 using quill::platform::defaultHost;
+using quill::platform::FileLock;
 using quill::platform::host;
 using quill::platform::SystemPath;
 using quilltest::CFixedClockHost;
@@ -47,7 +52,7 @@ void expectDate(const CCalendarDate& d, int year, int month, int day, int hour, 
               std::make_tuple(year, month, day, hour, minute, second, weekday));
 }
 
-TEST(LinuxHostCalendar, DatesInTheZoneOfTheMoment) {
+TEST(LinuxHostCalendar, DatesInTheZoneOfTheMomentAndBack) {
     ScopedEnv utcFirst("TZ", "UTC");
     expectDate(defaultHost().calendarDate(0.0), 2001, 1, 1, 0, 0, 0.0, 1);  // a Monday
     expectDate(defaultHost().calendarDate(-0.75), 2000, 12, 31, 23, 59, 59.25, 7);
@@ -62,10 +67,8 @@ TEST(LinuxHostCalendar, DatesInTheZoneOfTheMoment) {
     expectDate(defaultHost().calendarDate(summer), 2026, 7, 4, 9, 5, 3.25, 6);
     ScopedEnv utc("TZ", "UTC");
     EXPECT_EQ(defaultHost().calendarDate(summer).hour, 13);
-}
 
-TEST(LinuxHostCalendar, AbsoluteTimeRoundTripsAndNormalises) {
-    ScopedEnv utc("TZ", "UTC");
+    // Back to absolute time: round trips, and out-of-range fields normalise.
     auto& h = defaultHost();
     for (double at : {5.25, -86400.5, 1e12}) EXPECT_DOUBLE_EQ(h.absoluteTime(h.calendarDate(at)), at) << at;
     EXPECT_EQ(h.absoluteTime({2001, 1, 1, 24, 0, 0.0, 0}), 86400.0);  // hour 24 is the next midnight
@@ -110,6 +113,31 @@ TEST(LinuxHostConsole, OneLinePerEntryInTheConsoleFile) {
     std::size_t first = log.find(tag + "first entry\n20");
     EXPECT_NE(first, std::string::npos) << log;
     EXPECT_NE(log.find(tag + "two\n\tlines\n", first), std::string::npos) << log;
+}
+
+TEST(LinuxHostFiles, LockedOpenHoldsTheLockAndHidesTheDescriptorFromChildren) {
+    quill::platform::IHost& host = defaultHost();
+    quilltest::TempDir dir;
+    const std::string path = (dir / "locked").string();
+
+    int fd = -7;
+    EXPECT_EQ(host.openLockedFile(path, FileLock::Shared, fd).value(), ENOENT);
+    EXPECT_EQ(fd, -7);
+
+    ASSERT_FALSE(host.openLockedFile(path, FileLock::Exclusive, fd));
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    const int other = open(path.c_str(), O_RDONLY);
+    EXPECT_NE(flock(other, LOCK_SH | LOCK_NB), 0) << "the exclusive lock is held on return";
+
+    std::size_t done = 0;
+    ASSERT_FALSE(host.writeFileAt(fd, 0, "hello", 5, done));
+    char buffer[16] = {};
+    ASSERT_FALSE(host.readFile(fd, buffer, sizeof buffer, done)) << "the end of the file is no error";
+    EXPECT_EQ(std::string(buffer, done), "hello");
+
+    EXPECT_FALSE(host.closeFile(fd));
+    EXPECT_EQ(flock(other, LOCK_SH | LOCK_NB), 0) << "closing gives the lock back";
+    close(other);
 }
 
 }  // namespace

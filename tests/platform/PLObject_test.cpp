@@ -65,7 +65,7 @@ TEST(PLObject, HolderCopiesRetainAndMovesTransfer) {
     EXPECT_EQ(again->retainCount(), 1);
 }
 
-TEST(PLObject, NumbersCompareByValueAcrossKinds) {
+TEST(PLObject, NumbersCompareByValueAcrossKindsAndConvertSaturating) {
     auto i32 = PLNumber::create(std::int32_t{5});
     auto i64 = PLNumber::create(std::int64_t{5});
     auto dbl = PLNumber::create(5.0);
@@ -87,9 +87,8 @@ TEST(PLObject, NumbersCompareByValueAcrossKinds) {
     EXPECT_EQ(nan1->hash(), nan2->hash());
     EXPECT_FALSE(nan1->equals(*zero));
     EXPECT_FALSE(PLNumber::create(1)->equals(*kPLBooleanTrue));
-}
 
-TEST(PLObject, NumberConversionsTruncateAndSaturate) {
+    // Conversions truncate and saturate; types follow the value, not the C++ type.
     EXPECT_EQ(PLNumber::create(3.7)->int32Value(), 3);
     EXPECT_EQ(PLNumber::create(-3.7)->int64Value(), -3);
     EXPECT_EQ(PLNumber::create(1e20)->int32Value(), std::numeric_limits<std::int32_t>::max());
@@ -104,9 +103,11 @@ TEST(PLObject, NumberConversionsTruncateAndSaturate) {
     EXPECT_EQ(PLNumber::create(std::numeric_limits<std::uint64_t>::max())->numberType(), PLNumberType::Float64);
 }
 
-TEST(PLObject, TypesAndCasts) {
+TEST(PLObject, CastsStringsDataAndDates) {
     auto s = PLString::create("abc");
-    auto m = PLMutableString::create("abc");
+    auto m = PLMutableString::create("ab");
+    m->append("c\0d");  // a C string: the NUL ends it
+    EXPECT_EQ(m->utf8(), "abc");
     const PLObject* values[] = {s.get(), m.get()};
     EXPECT_EQ(PLDynamicCast<PLString>(values[1]), m.get());
     EXPECT_EQ(PLDynamicCast<PLMutableString>(values[0]), nullptr);
@@ -117,12 +118,7 @@ TEST(PLObject, TypesAndCasts) {
     EXPECT_TRUE(PLEqual(nullptr, nullptr));
     EXPECT_FALSE(PLEqual(s.get(), nullptr));
     EXPECT_FALSE(kPLBooleanTrue->equals(*kPLBooleanFalse));
-}
 
-TEST(PLObject, StringsDataAndDates) {
-    auto m = PLMutableString::create("ab");
-    m->append("c\0d");  // a C string: the NUL ends it
-    EXPECT_EQ(m->utf8(), "abc");
     m->append(std::string_view("\0e", 2));
     EXPECT_EQ(m->size(), 5u);
     EXPECT_EQ(m->c_str()[5], '\0');

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cfloat>
 #include <charconv>
 #include <cmath>
@@ -543,11 +544,9 @@ TEST(PLPropertyListReader, GivesTheSameResultWhereverTheInputIsCut) {
 }
 
 TEST(PLPropertyListReader, ReadsEveryBinaryObjectKind) {
-    std::string be8;
     const double when = 817034400.0;
-    std::uint64_t bits;
-    std::memcpy(&bits, &when, 8);
-    for (int i = 7; i >= 0; --i) be8 += static_cast<char>(bits >> (8 * i));
+    std::string be8;
+    for (int i = 7; i >= 0; --i) be8 += static_cast<char>(std::bit_cast<std::uint64_t>(when) >> (8 * i));
     const std::string file = bplist({
         bytes({0xAB, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}),                             // 0: array of 11
         bytes({0x10, 0xFF}),                                                          // 1: 255

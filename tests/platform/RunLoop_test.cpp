@@ -40,7 +40,7 @@ struct CPipe {
     int fds[2] = {-1, -1};
 };
 
-TEST(RunLoop, OneLoopPerThreadRunOnlyByItsThread) {
+TEST(RunLoop, OneLoopPerThreadRunByItsThreadUntilTimeOrStop) {
     CRunLoop& loop = CRunLoop::current();
     EXPECT_EQ(&loop, &CRunLoop::current());
     std::thread([&] {
@@ -51,6 +51,17 @@ TEST(RunLoop, OneLoopPerThreadRunOnlyByItsThread) {
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(loop.runFor(0.05), CRunLoop::Result::TimedOut);  // waits even without sources
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+
+    // stop() ends the run in progress only.
+    loop.stop();  // not running: dropped
+    EXPECT_EQ(loop.runFor(0.0), CRunLoop::Result::TimedOut);
+    bool second = false;
+    loop.post([&] { loop.stop(); });
+    loop.post([&] { second = true; });
+    EXPECT_EQ(loop.runFor(kPatience), CRunLoop::Result::Stopped);
+    EXPECT_FALSE(second);  // waits for the next run
+    EXPECT_EQ(loop.runOnce(), CRunLoop::Result::Handled);
+    EXPECT_TRUE(second);
 }
 
 TEST(RunLoop, PostedTasksRunOnTheLoopThreadInOrder) {
@@ -67,20 +78,6 @@ TEST(RunLoop, PostedTasksRunOnTheLoopThreadInOrder) {
     poster.join();
     ASSERT_TRUE(loop.runUntil([&] { return order.size() == 100; }, kPatience));
     for (int i = 0; i < 100; ++i) EXPECT_EQ(order[i], i);
-}
-
-TEST(RunLoop, StopEndsTheRunInProgressOnly) {
-    CRunLoop& loop = CRunLoop::current();
-    loop.stop();  // not running: dropped
-    EXPECT_EQ(loop.runFor(0.0), CRunLoop::Result::TimedOut);
-
-    bool second = false;
-    loop.post([&] { loop.stop(); });
-    loop.post([&] { second = true; });
-    EXPECT_EQ(loop.runFor(kPatience), CRunLoop::Result::Stopped);
-    EXPECT_FALSE(second);  // waits for the next run
-    EXPECT_EQ(loop.runOnce(), CRunLoop::Result::Handled);
-    EXPECT_TRUE(second);
 }
 
 TEST(RunLoop, TimersFireInOrderOnceOrUntilCancelled) {

@@ -53,10 +53,7 @@ TEST(Frameworks, TheInstalledLibraryFindsItsFrameworkAndTheMasterDefaults) {
     EXPECT_EQ(readFile(user), readFile(corvane / "Resources/LumenforgeConfig.plist.default"));
 }
 
-class QuillctlFrameworks : public quilltest::QuillctlTest {
-protected:
-    TempDir _dir;
-};
+using QuillctlFrameworks = quilltest::QuillctlTest;
 
 TEST_F(QuillctlFrameworks, TheBuildTreeHasNoFrameworks) {
     const auto r = run({"frameworks"});
@@ -65,7 +62,8 @@ TEST_F(QuillctlFrameworks, TheBuildTreeHasNoFrameworks) {
 }
 
 TEST_F(QuillctlFrameworks, PerfScoreMultipliesTheConfiguredFactor) {
-    const fs::path file = _dir / "config.plist";
+    TempDir dir;
+    const fs::path file = dir / "config.plist";
     quilltest::writeFile(file, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
                                "<key>hostperfscore</key><dict><key>CPUTypes</key><dict>"
                                "<key>Current</key><string>Intel Core 2</string>"

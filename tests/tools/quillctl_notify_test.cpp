@@ -42,21 +42,21 @@ protected:
     }
 
     std::string _name = "test.quillctl." + std::to_string(getpid());
+    quilltest::TempDir _dir;
 };
 
 TEST_F(QuillctlNotify, WatchPrintsOneCompactLinePerNotificationAndEndsOnCtrlC) {
     quilltest::PeerProcess watcher({"notify", "watch", "--name", _name}, _tool);
     postUntil(watcher, 1, {_name, "--sender", "com.example", "k=v", "eq=a=b"});
 
-    quilltest::TempDir dir;
-    quilltest::writeFile(dir / "info.plist", R"(<?xml version="1.0" encoding="UTF-8"?>
+    quilltest::writeFile(_dir / "info.plist", R"(<?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0"><dict>
 <key>s</key><string>say "hi"</string>
 <key>a</key><array><integer>-3</integer><real>2.5</real><true/></array>
 <key>d</key><data>AP8=</data>
 <key>t</key><date>2001-01-01T00:00:00Z</date>
 </dict></plist>)");
-    quilltest::CommandResult posted = run({"notify", "post", _name, "--info", dir / "info.plist"});
+    quilltest::CommandResult posted = run({"notify", "post", _name, "--info", _dir / "info.plist"});
     ASSERT_EQ(posted.exitCode, 0) << posted.err;
     postUntil(watcher, 0, {"other-name"}, "say");  // not shown; gives the watcher time
 
@@ -82,10 +82,8 @@ TEST_F(QuillctlNotify, WatchFiltersBySenderAndStopsAfterCount) {
 }
 
 TEST_F(QuillctlNotify, PostRefusesBadUserInformation) {
-    quilltest::TempDir dir;
-    quilltest::writeFile(dir / "array.plist",
-                         R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)");
-    quilltest::CommandResult result = run({"notify", "post", _name, "--info", dir / "array.plist"});
+    quilltest::writeFile(_dir / "array.plist", R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)");
+    quilltest::CommandResult result = run({"notify", "post", _name, "--info", _dir / "array.plist"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_NE(result.err.find("must be a dictionary (found: array)"), std::string::npos) << result.err;
     result = run({"notify", "post", _name, "novalue"});

@@ -20,7 +20,7 @@ protected:
     }
 };
 
-TEST_F(QuillctlRun, PassesOutputAndExitStatusThrough) {
+TEST_F(QuillctlRun, PassesOutputAndExitStatusThroughOrSaysWhyItCannotRun) {
     auto r = run({"--", "/bin/sh", "-c", "echo out; echo err >&2; exit 3"});
     EXPECT_EQ(r.exitCode, 3);
     EXPECT_EQ(r.out, "out\n");
@@ -34,6 +34,15 @@ TEST_F(QuillctlRun, PassesOutputAndExitStatusThrough) {
     EXPECT_EQ(run({"--", "/bin/sh", "-c", "kill -TERM $$"}).exitCode, 128 + 15);
     // The same number as an exit code stays an exit code.
     EXPECT_EQ(run({"--", "/bin/sh", "-c", "exit 15"}).exitCode, 15);
+
+    // What cannot run at all: exit codes and messages like a shell's.
+    r = run({"--user", "no-such-user-here", "--", "/bin/true"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.err, "quillctl: unknown user no-such-user-here\n");
+    r = run({"--", "no-such-program-here"});
+    EXPECT_EQ(r.exitCode, 127);
+    EXPECT_EQ(r.err, "quillctl: no-such-program-here: command not found\n");
+    EXPECT_EQ(run({"--", "/etc/passwd"}).exitCode, 126);
 }
 
 TEST_F(QuillctlRun, PtyJoinsErrorsIntoTheCapturedOutput) {
@@ -51,17 +60,6 @@ TEST_F(QuillctlRun, RunsAsAnotherUser) {
     const auto r = run({"--user", "nobody", "--", "/usr/bin/id", "-u"});
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out, std::to_string(nobody->pw_uid) + "\n");
-}
-
-TEST_F(QuillctlRun, RefusesWhatItCannotRun) {
-    auto r = run({"--user", "no-such-user-here", "--", "/bin/true"});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.err, "quillctl: unknown user no-such-user-here\n");
-
-    r = run({"--", "no-such-program-here"});
-    EXPECT_EQ(r.exitCode, 127);
-    EXPECT_EQ(r.err, "quillctl: no-such-program-here: command not found\n");
-    EXPECT_EQ(run({"--", "/etc/passwd"}).exitCode, 126);
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 #include "support/TestSupport.h"
 #include "tools/QuillctlTest.h"
 
-#include <quillcore/platform/PLPropertyList.h>
-
 #include <gtest/gtest.h>
 
 namespace {
@@ -22,13 +20,7 @@ protected:
     void SetUp() override {
         QuillctlTest::SetUp();
         if (IsSkipped()) return;
-        const std::string xml = plist(kOfficeHours);
-        quilltest::writeFile(_dir / "office.plist", xml);
-        std::string error;
-        auto parsed = PLPropertyListCreateFromBytes(xml.data(), xml.size(), PLMutability::Immutable, &error);
-        ASSERT_TRUE(parsed) << error;
-        quilltest::writeFile(_dir / "office.bplist",
-                             std::string(PLPropertyListCreateBinaryData(parsed.get())->view()));
+        quilltest::writeFile(_dir / "office.plist", plist(kOfficeHours));
         quilltest::writeFile(_dir / "nested.plist",
                              plist("<key>Service</key><dict><key>Schedule</key><dict>" + std::string(kOfficeHours) +
                                    "</dict></dict>"));
@@ -51,7 +43,7 @@ TEST_F(ScheduleCheck, PrintsStateAndNextTransitionAtTheGivenLocalTime) {
     } const cases[] = {
         // 2025-01-15 is a Wednesday.
         {{"office.plist", "--at", "2025-01-15 08:00:00"}, "off line\nnext transition: 2025-01-15 09:00:05\n"},
-        {{"office.bplist", "--at", "2025-01-15 09:00:00"}, "on line\nnext transition: 2025-01-15 17:00:05\n"},
+        {{"office.plist", "--at", "2025-01-15 09:00:00"}, "on line\nnext transition: 2025-01-15 17:00:05\n"},
         // An "On" day's only boundary is its end; Saturday's is on Sunday.
         {{"nested.plist", "--key", "Service.Schedule", "--at", "2025-01-18 12:30:00"},
          "off line\nnext transition: 2025-01-19 00:00:05\n"},

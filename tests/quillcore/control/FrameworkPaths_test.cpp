@@ -1,5 +1,4 @@
 #include <quillcore/control/FrameworkPaths.h>
-#include <quillcore/platform/Host.h>
 
 #include "support/FrameworkTree.h"
 #include "support/TestSupport.h"
@@ -7,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <string>
 
 namespace {
 
@@ -19,8 +17,18 @@ std::string path(const PLURL* url) { return url ? url->fileSystemPath() : "<null
 std::string corvanePath() { return path(PLHolder<const PLURL>::adopt(getCorvaneFrameworkURL()).get()); }
 std::string lumenforgePath() { return path(PLHolder<const PLURL>::adopt(getLumenforgeFrameworkURL()).get()); }
 
-TEST(FrameworkPaths, FrameworksAreFoundCanonicallyFromTheLoadedLibrary) {
+TEST(FrameworkPaths, FrameworksAreFoundCanonicallyFromALoadedLibraryInTheLayoutOnly) {
+    EXPECT_EQ(corvanePath(), "<null>");  // the build tree
     quilltest::TempDir dir;
+    for (const char* bundle : {"Frameworks/Cluster.framework/Versions/A/Frameworks/QuillCore.framework",
+                               "Library/Corvane.framework/Versions/A/Frameworks/QuillCore.framework",
+                               "QuillCore.framework"}) {
+        LoadedImagesHost fake({quilltest::makeQuillCoreBundle(dir / bundle).string()});
+        CScopedHost scope(fake);
+        EXPECT_EQ(corvanePath(), "<null>") << bundle;
+        EXPECT_EQ(lumenforgePath(), "<null>") << bundle;
+    }
+
     const quilltest::FrameworkTree tree(dir / "real");
     // The library reached through a linked directory and "..".
     fs::create_directory_symlink(tree.corvaneDir() / "Versions", dir / "linked");
@@ -32,19 +40,6 @@ TEST(FrameworkPaths, FrameworksAreFoundCanonicallyFromTheLoadedLibrary) {
 
     const PLHolder<const PLString> stored = PLString::create("/elsewhere/Corvane.framework/Resources/corvaned");
     EXPECT_EQ(quill::getRuntimePath(stored.get())->str(), frameworks + "/Corvane.framework/Resources/corvaned");
-}
-
-TEST(FrameworkPaths, ALibraryOutsideTheLayoutHasNoFrameworks) {
-    EXPECT_EQ(corvanePath(), "<null>");  // the build tree
-    quilltest::TempDir dir;
-    for (const char* bundle : {"Frameworks/Cluster.framework/Versions/A/Frameworks/QuillCore.framework",
-                               "Library/Corvane.framework/Versions/A/Frameworks/QuillCore.framework",
-                               "QuillCore.framework"}) {
-        LoadedImagesHost fake({quilltest::makeQuillCoreBundle(dir / bundle).string()});
-        CScopedHost scope(fake);
-        EXPECT_EQ(corvanePath(), "<null>") << bundle;
-        EXPECT_EQ(lumenforgePath(), "<null>") << bundle;
-    }
 }
 
 TEST(FrameworkPaths, StoredPathsAreReRootedOntoTheFrameworksFoundNow) {

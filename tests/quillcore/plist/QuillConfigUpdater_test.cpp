@@ -4,16 +4,14 @@
 
 #include <ferrocore/CException.h>
 
+#include "support/ConfigHome.h"
 #include "support/FrameworkTree.h"
-#include "support/TestSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <regex>
 #include <sstream>
-#include <string>
 
 #include <sys/stat.h>
 
@@ -33,11 +31,7 @@ PLHolder<const PLObject> parse(const std::string& xml) {
     return PLPropertyListCreateFromBytes(xml.data(), xml.size(), PLMutability::Immutable, nullptr);
 }
 
-std::uint32_t permissions(const fs::path& path) {
-    struct stat status {};
-    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777;
-}
+std::uint32_t permissions(const fs::path& path) { return static_cast<std::uint32_t>(fs::status(path).permissions()); }
 
 // The loaded library inside a fake framework tree; chmod is counted and can
 // be made to fail.
@@ -55,14 +49,6 @@ public:
 
 class ConfigUpdater : public testing::Test {
 protected:
-    ConfigUpdater()
-        : tree(dir / "install"), host({tree.libraryPath().string()}), homeEnv("HOME", (dir / "home").string()),
-          hostScope(host), userDir(dir / "home/Library/Application Support/Lumenforge"),
-          user(userDir / "LumenforgeConfig.plist"), userDefaults(userDir / "LumenforgeConfig.plist.default"),
-          master(fs::canonical(tree.resourcesDir()) / "LumenforgeConfig.plist.default") {
-        fs::create_directories(userDir);
-    }
-
     // The lines written, each leading time stamp checked and removed.
     std::string unstamped() const {
         static const std::regex stamp(R"(^\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3}: )");
@@ -77,12 +63,13 @@ protected:
     }
     std::string line(const std::string& text) const { return text + " the lumenforge config file " + user.string(); }
 
+    quilltest::ConfigHome home;
     quilltest::TempDir dir;
-    quilltest::FrameworkTree tree;
-    UpdaterHost host;
-    quilltest::ScopedEnv homeEnv;
-    quill::platform::CScopedHost hostScope;
-    fs::path userDir, user, userDefaults, master;
+    quilltest::FrameworkTree tree{dir / "install"};
+    UpdaterHost host{{tree.libraryPath().string()}};
+    quill::platform::CScopedHost hostScope{host};
+    const fs::path user = home.configFile(), userDefaults = user.string() + ".default";
+    const fs::path master = fs::canonical(tree.resourcesDir()) / "LumenforgeConfig.plist.default";
     std::ostringstream out;
     QuillConfigUpdater updater{out};
 };
@@ -109,7 +96,7 @@ TEST_F(ConfigUpdater, WithoutAUserFileBothCopiesComeFromTheMaster) {
     EXPECT_EQ(permissions(userDefaults), 0600u);
 }
 
-TEST_F(ConfigUpdater, NoMergeForTheSameVersionOrWithoutAMaster) {
+TEST_F(ConfigUpdater, OnlyANewerMasterIsMergedAndTheUsersChangesAreKept) {
     const std::string userText = plist("1.9", "<key>corvaneconfig</key><dict/>\n");
     writeFile(user, userText);
     updater.run();
@@ -121,9 +108,7 @@ TEST_F(ConfigUpdater, NoMergeForTheSameVersionOrWithoutAMaster) {
     EXPECT_EQ(out.str(), "");
     EXPECT_EQ(readFile(user), userText);
     EXPECT_FALSE(fs::exists(userDefaults));
-}
 
-TEST_F(ConfigUpdater, ANewerMasterIsMergedKeepingTheUsersChanges) {
     auto config = [](const std::string& port, const std::string& log, const std::string& name,
                      const std::string& extra, const std::string& factor) {
         return "<key>corvaneconfig</key><dict><key>DaemonPort</key><integer>" + port + "</integer><key>LogToFile</key>" +
@@ -136,6 +121,7 @@ TEST_F(ConfigUpdater, ANewerMasterIsMergedKeepingTheUsersChanges) {
     writeFile(userDefaults, plist("1.9", config("2189", "<false/>", "<integer>4</integer>", "", "1")));
     writeFile(user, plist("1.9", config("2250", "<false/>", "<integer>5</integer>",
                                         "<key>UserOnly</key><string>mine</string>", "1")));
+    out.str("");
     updater.run();
     EXPECT_EQ(unstamped(), line("Corvane daemon needs to merge") + "\n");
 
@@ -183,14 +169,12 @@ TEST_F(ConfigUpdater, PermissionsAreAlwaysSetAndFailuresNameTheOperation) {
     updater.setFilePermissions(dir.str(), S_IFDIR | permissions(dir.path()));  // skipped: equal mode words
     EXPECT_EQ(host.chmodCalls, 1);
 
-    try {
-        updater.setFilePermissions((dir / "missing").string(), 0600);
-        ADD_FAILURE() << "no exception";
-    } catch (const ferrocore::CFileException& e) {
-        EXPECT_EQ(e.message(), "QuillConfigUpdater::setFilePermissions: stat() on file " + (dir / "missing").string() +
-                                   " failed, error = No such file or directory");
-        EXPECT_EQ(e.errorNumber(), ENOENT);
-    }
+    EXPECT_THAT([&] { updater.setFilePermissions((dir / "missing").string(), 0600); },
+                testing::Throws<ferrocore::CFileException>(testing::AllOf(
+                    testing::Property(&ferrocore::CFileException::message,
+                                      "QuillConfigUpdater::setFilePermissions: stat() on file " +
+                                          (dir / "missing").string() + " failed, error = No such file or directory"),
+                    testing::Property(&ferrocore::CFileException::errorNumber, ENOENT))));
     writeFile(master, plist("1.0", ""));
     host.chmodError = EPERM;
     updater.run();

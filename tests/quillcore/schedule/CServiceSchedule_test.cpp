@@ -196,7 +196,7 @@ TEST_F(CServiceScheduleTest, ConstantWeekNeedsConstantDaysThatAgreeWithSundayAnd
     EXPECT_FALSE(_s->isConstantSchedule());
 }
 
-TEST_F(CServiceScheduleTest, TransitionsLieFiveSecondsPastTheBoundaryCountedFromToday) {
+TEST_F(CServiceScheduleTest, TransitionsLieFiveSecondsPastTheBoundaryCountedInWholeDaysFromToday) {
     unsigned day = 0, h = 0, m = 0, s = 0;
     _s->fromAbsoluteTime(utc(kToday, 10, 20, 30) + 0.9, day, h, m, s);
     EXPECT_EQ(packed(day, h, m, s), packed(kWed, 10, 20, 30));
@@ -225,16 +225,15 @@ TEST_F(CServiceScheduleTest, TransitionsLieFiveSecondsPastTheBoundaryCountedFrom
     EXPECT_EQ(_s->nextTransition(), utc(kToday, 17, 0, 5));
     EXPECT_EQ(_s->nextTransition(utc(kToday, 18)), utc(2025y / 1 / 16, 0, 0, 5));
     EXPECT_FALSE(_s->isOnLine(_s->nextTransition()));
-}
 
-TEST_F(CServiceScheduleTest, DaysAreAddedAsWholeDaysAcrossDaylightSavingChanges) {
-    // Berlin moves its clocks from 02:00 to 03:00 on Sunday 2025-03-30.
+    // Whole days of 86400 s, across daylight saving changes too: Berlin moves
+    // its clocks from 02:00 to 03:00 on Sunday 2025-03-30.
     quilltest::ScopedEnv berlin("TZ", "Europe/Berlin");
     _clock.setNow(utc(2025y / 3 / 28, 11));  // Friday 12:00 local
     setDay(kMon, kOnBetween, 9, 17);
     // Friday 09:00 local plus 3 × 86400 s is Monday 10:00 summer time.
     EXPECT_EQ(_s->toAbsoluteTime(kMon, 9, 0, 0), utc(2025y / 3 / 31, 8));
-    unsigned day = kMon, h = 8, m = 0, s = 0;
+    day = kMon, h = 8, m = 0, s = 0;
     ASSERT_TRUE(_s->nextTransition(day, h, m, s));
     EXPECT_EQ(packed(day, h, m, s), packed(kMon, 10, 0, 5));
 }

@@ -9,7 +9,6 @@
 #include <dlfcn.h>
 
 #include <cerrno>
-#include <string>
 
 namespace {
 
@@ -43,7 +42,7 @@ public:
 
 std::error_code systemError(int err) { return {err, std::system_category()}; }
 
-TEST(CFileUtilLimits, RaisesUpToTheHardLimitButNeverLowers) {
+TEST(CFileUtilLimits, RaisesUpToTheHardLimitButNeverLowersAndFailuresArePrintedAndGiveMinusOne) {
     CLimitHost unlimited(256, CResourceLimit::kUnlimited);
     CLimitHost finite(256, 1000);
     testing::internal::CaptureStderr();
@@ -61,12 +60,9 @@ TEST(CFileUtilLimits, RaisesUpToTheHardLimitButNeverLowers) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(setMaxOpenFiles(1000), 1000);  // up to it is fine
     EXPECT_EQ(finite.limit.hard, 1000);
-}
 
-TEST(CFileUtilLimits, FailuresArePrintedAndGiveMinusOne) {
     CLimitHost limits(256, 4096);
-    CScopedHost scope(limits);
-
+    CScopedHost failing(limits);
     limits.setError = systemError(EPERM);
     testing::internal::CaptureStderr();
     EXPECT_EQ(setMaxOpenFiles(2048), -1);
@@ -100,7 +96,7 @@ PLHolder<const PLString> expand(const char* path) {
     return CFileUtil::expandTildeInPath(PLString::create(path).get());
 }
 
-TEST(CFileUtilDirectories, HomeAndTildeExpansion) {
+TEST(CFileUtilDirectories, HomeAndTildeExpansionWithAndWithoutAHome) {
     quilltest::ScopedEnv home("HOME", "/home/quill");
     EXPECT_EQ(CFileUtil::getHomeDirectory()->utf8(), "/home/quill");
     auto raw = PLHolder<const PLString>::adopt(QuillGetHomeDirectory());
@@ -118,15 +114,11 @@ TEST(CFileUtilDirectories, HomeAndTildeExpansion) {
 
     quilltest::ScopedEnv tmp("TMPDIR", "/var/scratch");
     EXPECT_EQ(CFileUtil::getTemporaryDirectory()->utf8(), "/var/scratch/");
-}
 
-class CHomelessHost final : public quill::platform::CHostWrapper {
-public:
-    std::string homeDirectory() override { return {}; }
-};
-
-TEST(CFileUtilDirectories, NoHomeGivesNull) {
-    CHomelessHost homeless;
+    // Without a home there is nothing to expand a tilde against.
+    struct : quill::platform::CHostWrapper {
+        std::string homeDirectory() override { return {}; }
+    } homeless;
     CScopedHost scope(homeless);
     EXPECT_EQ(CFileUtil::getHomeDirectory(), nullptr);
     EXPECT_EQ(expand("~/x"), nullptr);

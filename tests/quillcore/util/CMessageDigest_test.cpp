@@ -4,7 +4,7 @@
 
 #include <ferrocore/CException.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <thread>
 
@@ -29,7 +29,7 @@ void writePattern(const std::filesystem::path& path, std::size_t size) {
     quilltest::writeFile(path, bytes);
 }
 
-TEST(CMessageDigest, KnownDigestsOfEverySource) {
+TEST(CMessageDigest, KnownDigestsOfEverySourceAndRefusalsOfMissingSourcesAndUnknownKinds) {
     quilltest::TempDir dir;
     quilltest::writeFile(dir / "empty", "");
     quilltest::writeFile(dir / "fox name", "The quick brown fox jumps over the lazy dog");
@@ -45,55 +45,42 @@ TEST(CMessageDigest, KnownDigestsOfEverySource) {
     CMessageDigest buffer(ferrocore::CBuffer::create("Gr\xc3\xbc\xc3\x9f" "e", 7));
     EXPECT_EQ(hex(text.digest()), hex(buffer.digest()));  // text is digested as UTF-8
     EXPECT_EQ(text.result()->size(), 16u);
-}
 
-TEST(CMessageDigest, RefusesMissingSourcesAndUnknownKinds) {
-    try {
-        CMessageDigest d{ferrocore::CURLRef()};
-        FAIL();
-    } catch (const ferrocore::CNullPointerException& e) {
-        EXPECT_EQ(e.message(), "Error: fileURL is null!");
-        EXPECT_EQ(e.kind(), 2);
-    }
+    EXPECT_THAT([] { CMessageDigest d{ferrocore::CURLRef()}; },
+                testing::Throws<ferrocore::CNullPointerException>(
+                    testing::AllOf(testing::Property(&ferrocore::CException::message, "Error: fileURL is null!"),
+                                   testing::Property(&ferrocore::CException::kind, 2))));
     EXPECT_THROW(CMessageDigest{ferrocore::CStringRef()}, ferrocore::CNullPointerException);
     EXPECT_THROW(CMessageDigest{ferrocore::CBufferRef()}, ferrocore::CNullPointerException);
 
     CMessageDigest md(ferrocore::CString::create("x"), 2);
-    try {
-        md.digest();
-        FAIL();
-    } catch (const ferrocore::CParamException& e) {
-        EXPECT_EQ(e.message(), "Invalid message digest kind: 2");
-    }
+    EXPECT_THAT([&] { md.digest(); }, testing::Throws<ferrocore::CParamException>(testing::Property(
+                                          &ferrocore::CException::message, "Invalid message digest kind: 2")));
 
     CMessageDigest missing(ferrocore::CURL::createWithPath("/nonexistent/quill/file", false));
     EXPECT_THROW(missing.digest(), ferrocore::CException);
     EXPECT_FALSE(missing.result());
 }
 
-TEST(CMessageDigest, LargeFilesReportProgressPerChunkAndMatchOneShot) {
+TEST(CMessageDigest, LargeFilesReportProgressPerChunkStopOnRequestAndMustNotShrink) {
     quilltest::TempDir dir;
     const std::size_t size = 40u << 20;  // chunks of 16, 16 and 8 MiB
     writePattern(dir / "big", size);
-    const std::string whole = quilltest::readFile(dir / "big");
+    const auto url = ferrocore::CURL::createWithPath((dir / "big").string(), false);
 
     std::vector<std::int64_t> seen;
-    CMessageDigest md(ferrocore::CURL::createWithPath((dir / "big").string(), false));
-    md.digest([&](std::int64_t done, std::int64_t total) {
+    CMessageDigest md(url);
+    ASSERT_TRUE(md.digest([&](std::int64_t done, std::int64_t total) {
         EXPECT_EQ(total, static_cast<std::int64_t>(size));
         seen.push_back(done);
         return true;
-    });
+    }));
     EXPECT_EQ(seen, (std::vector<std::int64_t>{16 << 20, 32 << 20, 40 << 20}));
-
-    CMessageDigest oneShot(ferrocore::CBuffer::create(whole.data(), whole.size()));
-    EXPECT_EQ(hex(md.result()), hex(oneShot.digest()));
-}
-
-TEST(CMessageDigest, StoppingLeavesTheResultAndCancelIsFinal) {
-    quilltest::TempDir dir;
-    writePattern(dir / "big", 33u << 20);
-    auto url = ferrocore::CURL::createWithPath((dir / "big").string(), false);
+    const std::string whole = quilltest::readFile(dir / "big"), first = hex(md.result());
+    EXPECT_EQ(first, hex(CMessageDigest(ferrocore::CBuffer::create(whole.data(), whole.size())).digest()));
+    // A completed result survives a later cancelled run.
+    md.cancel();
+    EXPECT_EQ(hex(md.digest()), first);
 
     CMessageDigest stopped(url);
     int calls = 0;
@@ -102,31 +89,21 @@ TEST(CMessageDigest, StoppingLeavesTheResultAndCancelIsFinal) {
     EXPECT_TRUE(stopped.isCancelled());
     EXPECT_FALSE(stopped.digest());  // every later run stops at once
 
-    // A completed result survives a later cancelled run.
-    CMessageDigest md(url);
-    ASSERT_TRUE(md.digest());
-    const std::string first = hex(md.result());
-    md.cancel();
-    EXPECT_EQ(hex(md.digest()), first);
-
     // Cancellation from another thread while the digest runs.
     CMessageDigest racing(url);
     std::thread canceller([&] { racing.cancel(); });
     racing.digest();
     canceller.join();
     EXPECT_TRUE(racing.isCancelled());
-}
 
-TEST(CMessageDigest, AFileThatShrinksWhileReadIsAnErrorNotAHang) {
-    quilltest::TempDir dir;
-    writePattern(dir / "shrinking", 20u << 20);
-    CMessageDigest md(ferrocore::CURL::createWithPath((dir / "shrinking").string(), false));
-    EXPECT_THROW(md.digest([&](std::int64_t, std::int64_t) {
-        std::filesystem::resize_file(dir / "shrinking", 1u << 20);
+    // A file that shrinks while it is read is an error, not a hang.
+    CMessageDigest shrinking(url);
+    EXPECT_THROW(shrinking.digest([&](std::int64_t, std::int64_t) {
+        std::filesystem::resize_file(dir / "big", 1u << 20);
         return true;
     }),
                  ferrocore::CException);
-    EXPECT_FALSE(md.result());
+    EXPECT_FALSE(shrinking.result());
 }
 
 }  // namespace

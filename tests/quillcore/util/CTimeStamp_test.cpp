@@ -1,7 +1,5 @@
 #include <quillcore/util/CTimeStamp.h>
 
-#include <quillcore/platform/Host.h>
-
 #include "support/FixedClockHost.h"
 #include "support/TestSupport.h"
 
@@ -26,9 +24,6 @@ double secondsUntil(std::chrono::year_month_day day) {
 }
 
 TEST_F(CTimeStampTest, FormatsAndStreamsMonthBeforeDayWithMilliseconds) {
-    CTimeStamp start(0.0);
-    EXPECT_STREQ(start.text(), "01/01/2001 00:00:00.000");
-
     CTimeStamp later(secondsUntil(std::chrono::year(2026) / 7 / 4) + 9 * 3600 + 5 * 60 + 5.25);
     EXPECT_STREQ(later.text(), "07/04/2026 09:05:05.250");
     // Years past four digits are not cut.
@@ -40,16 +35,14 @@ TEST_F(CTimeStampTest, FormatsAndStreamsMonthBeforeDayWithMilliseconds) {
     EXPECT_EQ(out.str(), "07/04/2026 09:05:05.250: message");
 }
 
-TEST_F(CTimeStampTest, NegativeMeansNowFromTheHostClock) {
+TEST_F(CTimeStampTest, NegativeMeansNowFromTheHostClockAndTheZoneIsThatAtConstruction) {
     quilltest::CFixedClockHost clock(secondsUntil(std::chrono::year(2030) / 2 / 28) + 59.5);
     quill::platform::CScopedHost scope(clock);
     CTimeStamp now(-1.0);
     EXPECT_EQ(now.seconds(), clock.currentTime());
     EXPECT_STREQ(now.text(), "02/28/2030 00:00:59.500");
     EXPECT_STREQ(CTimeStamp(-0.001).text(), now.text());
-}
 
-TEST_F(CTimeStampTest, UsesTheZoneInForceAtConstruction) {
     CTimeStamp utc(0.0);
     quilltest::ScopedEnv tz("TZ", "America/New_York");
     CTimeStamp newYork(0.0);

@@ -7,9 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -43,7 +40,7 @@ TEST_F(PLUtilDict, SetAndAddTreatNullAsRemoval) {
     EXPECT_EQ(dict->count(), 0u);
 }
 
-TEST_F(PLUtilDict, TypedGettersNeverConvertTypesAndAlwaysWriteTheirOutput) {
+TEST_F(PLUtilDict, TypedGettersNeverConvertTypesButRealsReadAsIntegersAndOutputsAreAlwaysWritten) {
     auto textKey = str("text");
     PLDictSetInt(dict.get(), key.get(), 1);
     PLDictSetString(dict.get(), textKey.get(), str("1").get());
@@ -61,17 +58,11 @@ TEST_F(PLUtilDict, TypedGettersNeverConvertTypesAndAlwaysWriteTheirOutput) {
     PLURLRef url = someURL.get();
     EXPECT_FALSE(PLDictGetURL(dict.get(), str("absent").get(), &url));
     EXPECT_EQ(url, nullptr);
-}
 
-TEST_F(PLUtilDict, TypedValuesRoundTrip) {
-    auto someURL = PLURL::create("file:///tmp/x");
-    std::uint8_t flag = 0;
     PLDictSetBoolean(dict.get(), key.get(), 2);
     EXPECT_EQ(dict->get(key.get()), kPLBooleanTrue);
     EXPECT_TRUE(PLDictGetBoolean(dict.get(), key.get(), &flag));
     EXPECT_EQ(flag, 1);
-
-    std::int32_t number = 0;
     PLDictSetInt(dict.get(), key.get(), -42);
     EXPECT_EQ(PLDynamicCast<PLNumber>(dict->get(key.get()))->numberType(), PLNumberType::SInt32);
     EXPECT_TRUE(PLDictGetInt(dict.get(), key.get(), &number));
@@ -82,11 +73,9 @@ TEST_F(PLUtilDict, TypedValuesRoundTrip) {
     double real = 0;
     EXPECT_TRUE(PLDictGetDouble(dict.get(), key.get(), &real));
     EXPECT_EQ(real, 3.7);
-
-    PLURLRef gotURL = nullptr;
     PLDictSetURL(dict.get(), key.get(), someURL.get());
-    EXPECT_TRUE(PLDictGetURL(dict.get(), key.get(), &gotURL));
-    EXPECT_EQ(gotURL, someURL.get());
+    EXPECT_TRUE(PLDictGetURL(dict.get(), key.get(), &url));
+    EXPECT_EQ(url, someURL.get());
 }
 
 PLHolder<PLMutableArray> ints(std::initializer_list<std::int32_t> values) {
@@ -95,7 +84,7 @@ PLHolder<PLMutableArray> ints(std::initializer_list<std::int32_t> values) {
     return array;
 }
 
-TEST(PLUtilArray, SearchesCompareByValue) {
+TEST(PLUtilArray, SearchesCompareByValueAddKeepsASetAndRemovalTakesTheFirstMatch) {
     auto array = ints({4, 5, 6, 5});
     array->append(PLNumber::create(7.0));
     EXPECT_TRUE(PLArrayContainsInt(array.get(), 7));  // 7.0 equals 7
@@ -112,49 +101,39 @@ TEST(PLUtilArray, SearchesCompareByValue) {
     EXPECT_EQ(out, 99);
     EXPECT_TRUE(PLArrayGetIntAtIndex(array.get(), 1, &out));
     EXPECT_EQ(out, 5);
-}
 
-TEST(PLUtilArray, AddKeepsASetAndRemovalTakesTheFirstMatch) {
-    auto array = PLArrayMakeMutable();
-    EXPECT_TRUE(PLArrayAddInt(array.get(), 1));
-    EXPECT_FALSE(PLArrayAddInt(array.get(), 1));
-    EXPECT_EQ(array->count(), 1u);
-    PLArrayAppendInt(array.get(), 2);
-    PLArrayAppendInt(array.get(), 1);
-    auto copy = PLArrayMakeMutableCopy(array.get());
-
-    EXPECT_TRUE(PLArrayRemoveInt(array.get(), 1));
-    EXPECT_TRUE(PLEqual(array.get(), ints({2, 1}).get()));
-    EXPECT_FALSE(PLArrayRemoveInt(array.get(), 5));
-    EXPECT_FALSE(PLArrayRemoveValueAtIndex(array.get(), -1));
-    EXPECT_FALSE(PLArrayRemoveValueAtIndex(array.get(), 2));
-    EXPECT_TRUE(PLArrayRemoveValueAtIndex(array.get(), 1));
-    EXPECT_TRUE(PLEqual(array.get(), ints({2}).get()));
+    // Adding keeps a set; removal takes the first match.
+    auto set = PLArrayMakeMutable();
+    EXPECT_TRUE(PLArrayAddInt(set.get(), 1));
+    EXPECT_FALSE(PLArrayAddInt(set.get(), 1));
+    EXPECT_EQ(set->count(), 1u);
+    PLArrayAppendInt(set.get(), 2);
+    PLArrayAppendInt(set.get(), 1);
+    auto copy = PLArrayMakeMutableCopy(set.get());
+    EXPECT_TRUE(PLArrayRemoveInt(set.get(), 1));
+    EXPECT_TRUE(PLEqual(set.get(), ints({2, 1}).get()));
+    EXPECT_FALSE(PLArrayRemoveInt(set.get(), 5));
+    EXPECT_FALSE(PLArrayRemoveValueAtIndex(set.get(), -1));
+    EXPECT_FALSE(PLArrayRemoveValueAtIndex(set.get(), 2));
+    EXPECT_TRUE(PLArrayRemoveValueAtIndex(set.get(), 1));
+    EXPECT_TRUE(PLEqual(set.get(), ints({2}).get()));
     EXPECT_TRUE(PLEqual(copy.get(), ints({1, 2, 1}).get()));
 }
 
-class CNamedHost final : public quill::platform::CHostWrapper {
-public:
-    CNamedHost(std::vector<std::string> names, std::vector<std::string> addresses)
-        : _names(std::move(names)), _addresses(std::move(addresses)) {}
-    std::vector<std::string> hostNames() override { return _names; }
-    std::vector<std::string> hostAddresses() override { return _addresses; }
-
-private:
-    std::vector<std::string> _names, _addresses;
-};
-
 TEST(PLUtilHost, NamesAndAddressesAsTheHostReportsThem) {
-    {
-        CNamedHost bare({}, {});
-        quill::platform::CScopedHost scope(bare);
-        EXPECT_EQ(HostNames(), nullptr);  // null, not an empty array
-        EXPECT_EQ(HostName(), nullptr);
-        EXPECT_EQ(HostAddresses(), nullptr);
-        EXPECT_EQ(HostAddress(), nullptr);
-    }
-    CNamedHost named({"alpha", "alpha.example.org"}, {"10.0.0.2", "127.0.0.1"});
-    quill::platform::CScopedHost scope(named);
+    struct : quill::platform::CHostWrapper {
+        std::vector<std::string> names, addresses;
+        std::vector<std::string> hostNames() override { return names; }
+        std::vector<std::string> hostAddresses() override { return addresses; }
+    } host;
+    quill::platform::CScopedHost scope(host);
+    EXPECT_EQ(HostNames(), nullptr);  // null, not an empty array
+    EXPECT_EQ(HostName(), nullptr);
+    EXPECT_EQ(HostAddresses(), nullptr);
+    EXPECT_EQ(HostAddress(), nullptr);
+
+    host.names = {"alpha", "alpha.example.org"};
+    host.addresses = {"10.0.0.2", "127.0.0.1"};
     ASSERT_EQ(HostNames()->count(), 2u);
     EXPECT_EQ(HostName()->utf8(), "alpha");
     EXPECT_EQ(HostAddresses()->count(), 2u);

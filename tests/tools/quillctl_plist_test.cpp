@@ -1,7 +1,10 @@
-// quillctl's changing verbs: plist set / delete.
+// quillctl's property-list verbs (plist lint / print / get / set / delete),
+// digest and version.
 #include "support/ConfigHome.h"
 #include "support/TestSupport.h"
 #include "tools/QuillctlTest.h"
+
+#include <quillcore/platform/PLPropertyList.h>
 
 #include <gtest/gtest.h>
 
@@ -13,18 +16,85 @@ namespace {
 using quilltest::readFile;
 using quilltest::writeFile;
 
-class QuillctlWrite : public quilltest::QuillctlTest {
+class QuillctlPlist : public quilltest::QuillctlTest {
 protected:
+    void SetUp() override {
+        QuillctlTest::SetUp();
+        if (IsSkipped()) return;
+        writeFile(doc(), R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0">
+<dict>
+	<key>corvaneservices</key>
+	<dict>
+		<key>servicecontroller:com.tessaly.corvane.executor</key>
+		<dict>
+			<key>Instances</key>
+			<integer>4</integer>
+		</dict>
+	</dict>
+	<key>list</key>
+	<array>
+		<string>a &amp; b</string>
+		<real>0.1</real>
+		<date>2026-11-22T09:30:00Z</date>
+		<data>AAEC/w==</data>
+		<false/>
+	</array>
+	<key>we.ird</key>
+	<string>dotted key</string>
+</dict>
+</plist>
+)");
+    }
+    // A document to read, and a file to change that does not exist at first.
+    std::string doc() const { return (_dir / "doc.plist").string(); }
+    std::string file() const { return (_dir / "config.plist").string(); }
     quilltest::CommandResult set(const std::string& keyPath, const std::string& type, const std::string& value) const {
         return run({"plist", "set", file(), keyPath, type, value});
     }
     std::string get(const std::string& keyPath) const { return run({"plist", "get", file(), keyPath}).out; }
-    std::string file() const { return (_dir / "config.plist").string(); }
 
     quilltest::TempDir _dir;
 };
 
-TEST_F(QuillctlWrite, SetCreatesTheFileAndMissingDictionariesForEveryType) {
+TEST_F(QuillctlPlist, LintReportsEachFileAndFailsOnAnyBadOne) {
+    writeFile(_dir / "bad.plist", "<plist version=\"1.0\"><dict><key>a</key></dict></plist>");
+    auto r = run({"plist", "lint", doc(), (_dir / "bad.plist").string(), (_dir / "missing").string()});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.out, doc() + ": OK\n");
+    EXPECT_NE(r.err.find("bad.plist: "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("missing: cannot open"), std::string::npos) << r.err;
+}
+
+TEST_F(QuillctlPlist, PrintConvertsBinaryToTheSameXML) {
+    const std::string xml = readFile(doc());
+    auto binary = PLPropertyListCreateBinaryData(quilltest::readPlistFile(doc()).get());
+    ASSERT_TRUE(binary);
+    writeFile(_dir / "doc.bplist", std::string(binary->view()));
+
+    EXPECT_EQ(run({"plist", "print", doc()}).out, xml);
+    EXPECT_EQ(run({"plist", "print", (_dir / "doc.bplist").string()}).out, xml);
+}
+
+TEST_F(QuillctlPlist, GetFollowsKeyPathsThroughDictsArraysAndDottedKeys) {
+    for (const auto& [path, value] : std::vector<std::pair<std::string, std::string>>{
+             {"corvaneservices.servicecontroller:com.tessaly.corvane.executor.Instances", "4\n"},
+             {"list.0", "a & b\n"}, {"list.2", "2026-11-22T09:30:00Z\n"}, {"list.3", "AAEC/w==\n"},
+             {"list.4", "false\n"}, {"we\\.ird", "dotted key\n"}})
+        EXPECT_EQ(run({"plist", "get", doc(), path}).out, value) << path;
+    auto container = run({"plist", "get", doc(), "corvaneservices"});
+    EXPECT_EQ(container.exitCode, 0);
+    EXPECT_EQ(container.out.rfind("<?xml", 0), 0u);
+
+    for (const char* bad : {"nokey", "list.9", "list.x", "list.0.deeper"}) {
+        auto r = run({"plist", "get", doc(), bad});
+        EXPECT_EQ(r.exitCode, 1) << bad;
+        EXPECT_TRUE(r.out.empty()) << bad;
+        EXPECT_EQ(r.err.rfind("quillctl: ", 0), 0u) << bad << ": " << r.err;
+    }
+}
+
+TEST_F(QuillctlPlist, SetCreatesTheFileAndMissingDictionariesForEveryType) {
     const std::vector<std::vector<std::string>> rows = {
         {"corvaneconfig.DaemonPort", "integer", "-9223372036854775808", "-9223372036854775808\n"},
         {"a.b.c", "string", "x & <y>", "x & <y>\n"},         {"r", "real", "0.1", "0.1\n"},
@@ -46,7 +116,7 @@ TEST_F(QuillctlWrite, SetCreatesTheFileAndMissingDictionariesForEveryType) {
     EXPECT_EQ(set("list.3", "integer", "1").exitCode, 1);
 }
 
-TEST_F(QuillctlWrite, BadValuesAreRefusedBeforeTheFileIsTouched) {
+TEST_F(QuillctlPlist, BadValuesAreRefusedBeforeTheFileIsTouched) {
     const std::vector<std::pair<std::string, std::string>> bad = {
         {"integer", "9223372036854775808"}, {"integer", "12x"},   {"integer", ""},
         {"real", "1e999"},                  {"real", "one"},      {"bool", "maybe"},
@@ -62,7 +132,7 @@ TEST_F(QuillctlWrite, BadValuesAreRefusedBeforeTheFileIsTouched) {
     EXPECT_NE(set("k", "float", "1").exitCode, 0);
 }
 
-TEST_F(QuillctlWrite, DeleteAndRefusalsLeaveTheFileAsItWas) {
+TEST_F(QuillctlPlist, DeleteAndRefusalsLeaveTheFileAsItWas) {
     ASSERT_EQ(set("keep", "string", "x").exitCode, 0);
     ASSERT_EQ(set("a.gone", "integer", "1").exitCode, 0);
     EXPECT_EQ(run({"plist", "delete", file(), "a.gone"}).exitCode, 0);
@@ -87,7 +157,7 @@ TEST_F(QuillctlWrite, DeleteAndRefusalsLeaveTheFileAsItWas) {
     }
 }
 
-TEST_F(QuillctlWrite, ConcurrentSettersNeverLoseAChange) {
+TEST_F(QuillctlPlist, ConcurrentSettersNeverLoseAChange) {
     constexpr int kWriters = 8;
     constexpr int kChanges = 25;
     std::vector<std::thread> writers;
@@ -114,6 +184,25 @@ TEST_F(QuillctlWrite, ConcurrentSettersNeverLoseAChange) {
             EXPECT_TRUE(n && n->int32Value() == w * 100 + i) << "w" << w << ".k" << i;
         }
     }
+}
+
+TEST_F(QuillctlPlist, DigestMatchesMd5sumIncludingEscapedNames) {
+    const std::string odd = (_dir / "new\nline \\ name").string();
+    writeFile(odd, "The quick brown fox jumps over the lazy dog");
+    auto r = run({"digest", doc(), odd});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, quilltest::runCommand({"md5sum", doc(), odd}).out);
+
+    r = run({"digest", (_dir / "absent").string()});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.err.find("absent"), std::string::npos);
+}
+
+TEST_F(QuillctlPlist, VersionAndUsage) {
+    EXPECT_EQ(run({"version"}).out, "@(#)PROGRAM:QuillCore  PROJECT:QuillCore-303\n303\n");
+    EXPECT_NE(run({}).exitCode, 0);
+    EXPECT_NE(run({"plist", "get", doc()}).exitCode, 0);
+    EXPECT_EQ(run({"plist", "get", "--help"}).exitCode, 0);
 }
 
 }  // namespace

@@ -44,12 +44,17 @@ TEST(ProcessUtilitiesTest, FindsAChildByName) {
     }
     // exec may not have happened yet; until then the child bears our name.
     bool found = false;
+    int status = 0;
     for (int i = 0; i < 3000 && !found; ++i) {
         found = contains(ProcessUtilities::processIDsForName("sleep"), child);
-        if (!found) usleep(10000);
+        if (found) break;
+        ASSERT_EQ(waitpid(child, &status, WNOHANG), 0) << "the child ended early, status " << status;
+        usleep(10000);
     }
-    EXPECT_TRUE(found);
-    EXPECT_EQ(ProcessUtilities::processNameForID(child)->utf8(), "sleep");
+    ASSERT_TRUE(found);
+    const CStringRef name = ProcessUtilities::processNameForID(child);
+    ASSERT_TRUE(name);
+    EXPECT_EQ(name->utf8(), "sleep");
     const std::vector<pid_t> sleepers = ProcessUtilities::processIDsForName("sleep");
     EXPECT_TRUE(std::is_sorted(sleepers.begin(), sleepers.end()));
     kill(child, SIGKILL);

@@ -292,7 +292,7 @@ private:
             status = XML_Parse(_parser, bytes + done, static_cast<int>(n), done + n == size);
             done += n;
             // The next call may move expat's buffer under borrowed text.
-            if (_text != _textBuffer.get()) keepText();
+            ownText();
         } while (status == XML_STATUS_OK && done < size);
 
         if (_failed || status != XML_STATUS_OK) {
@@ -442,15 +442,19 @@ private:
         // White space in base64 is dropped anyway: the line breaks and
         // indentation of <data> need not be kept.
         if (_leaf == Element::Data && isAllSpace(s, len)) return;
-        if (_text != _textBuffer.get()) keepText();
+        ownText();
         if (len > _textCapacity - _textSize) return growAndAppendText(s, len);
         char* const to = _textBuffer.get() + _textSize;
         _textSize += len;
         std::memcpy(to, s, len);  // last, so that it is a tail call
     }
 
-    // Copies borrowed text into the text buffer.
-    [[gnu::noinline]] void keepText() {
+    // Makes the leaf's text the reader's own, in the text buffer.
+    void ownText() {
+        if (_text != _textBuffer.get()) copyBorrowedText();
+    }
+
+    [[gnu::noinline]] void copyBorrowedText() {
         const std::size_t n = _textSize;
         if (n > _textCapacity) makeTextBuffer(std::max(_textCapacity * 2, n));
         std::memcpy(_textBuffer.get(), _text, n);
@@ -649,7 +653,7 @@ private:
     // where a word holds none), then decoded four at a time, invalid symbols
     // only noted on the way.
     [[gnu::noinline]] void makeData() {
-        if (_text != _textBuffer.get()) keepText();  // decoded in place
+        ownText();  // decoded in place
         auto* const c = reinterpret_cast<unsigned char*>(_textBuffer.get());
         const std::size_t size = _textSize;
         std::size_t n = 0;

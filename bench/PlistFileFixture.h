@@ -4,15 +4,15 @@
 // classes write, about 10 KB as XML. Deterministic.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <quillcore/platform/PLObject.h>
 
 namespace plistbench {
 
@@ -84,8 +84,9 @@ inline PLHolder<PLMutableDictionary> makeConfigDocument() {
         put(*entry, "DisplayName", "Corvane " + std::string(family));
         put(*entry, "Description", "Processes " + std::string(family) + " segments for the cluster");
         put(*entry, "Executable", "corvane" + std::string(family));
-        put(*entry, "Path", "/Library/Frameworks/Corvane.framework/Resources/" + std::string(family) +
-                                ".service/Contents/MacOS/corvane" + std::string(family));
+        put(*entry, "Path",
+            "/Library/Frameworks/Corvane.framework/Resources/" + std::string(family) +
+                ".service/Contents/MacOS/corvane" + std::string(family));
         put(*entry, "BundlePath",
             "/Library/Frameworks/Corvane.framework/Resources/" + std::string(family) + ".service");
         auto prefs = PLMutableDictionary::create();

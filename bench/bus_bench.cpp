@@ -17,10 +17,10 @@
 // The program starts the bus daemon (a socket in a temporary directory) and
 // both peers itself (this program with --peer-ours / --peer-bare); run it
 // without arguments. Needs libsystemd for the bare side.
+#include <benchmark/benchmark.h>
+
 #include <quillcore/platform/NotificationCenter.h>
 #include <quillcore/platform/RunLoop.h>
-
-#include <benchmark/benchmark.h>
 #ifdef QUILL_BENCH_HAVE_SDBUS
 #include <systemd/sd-bus.h>
 #endif
@@ -32,14 +32,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <poll.h>
 #include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 extern char** environ;
 
@@ -82,20 +83,19 @@ int runOurPeer() {
     std::int64_t count = 0;
     bool quit = false;
     int key = 0;
+    center.addObserver(
+        &key, NotificationHandler([&](const CNotification& n) { center.post(pong.get(), nullptr, n.userInfo.get()); }),
+        str("bench.ping").get(), nullptr);
     center.addObserver(&key, NotificationHandler([&](const CNotification& n) {
-                           center.post(pong.get(), nullptr, n.userInfo.get());
-                       }),
-                       str("bench.ping").get(), nullptr);
-    center.addObserver(&key, NotificationHandler([&](const CNotification& n) {
-                           if (n.userInfo && n.userInfo->get("d")) ++count;
-                       }),
+        if (n.userInfo && n.userInfo->get("d")) ++count;
+    }),
                        str("bench.data").get(), nullptr);
     center.addObserver(&key, NotificationHandler([&](const CNotification&) {
-                           auto info = PLMutableDictionary::create();
-                           info->set(str("count"), PLNumber::create(count));
-                           count = 0;
-                           center.post(done.get(), nullptr, info.get());
-                       }),
+        auto info = PLMutableDictionary::create();
+        info->set(str("count"), PLNumber::create(count));
+        count = 0;
+        center.post(done.get(), nullptr, info.get());
+    }),
                        str("bench.end").get(), nullptr);
     center.addObserver(&key, NotificationHandler([&](const CNotification&) { quit = true; }), str("bench.quit").get(),
                        nullptr);
@@ -242,8 +242,8 @@ void startBus() {
     gBusDirectory = pattern;
     int pipeFds[2];
     if (pipe(pipeFds) != 0) die("pipe failed");
-    spawn({"/usr/bin/dbus-daemon", "--session", "--address=unix:path=" + (gBusDirectory / "bus").string(),
-           "--nofork", "--print-address=3"},
+    spawn({"/usr/bin/dbus-daemon", "--session", "--address=unix:path=" + (gBusDirectory / "bus").string(), "--nofork",
+           "--print-address=3"},
           pipeFds[1]);
     close(pipeFds[1]);
     std::string address;
@@ -278,9 +278,9 @@ void startOurs() {
     center.addObserver(&gOurs.key, NotificationHandler([](const CNotification&) { gOurs.pong = true; }),
                        str("bench.pong").get(), nullptr);
     center.addObserver(&gOurs.key, NotificationHandler([](const CNotification& n) {
-                           gOurs.doneCount = PLDynamicCast<PLNumber>(n.userInfo->get("count"))->int64Value();
-                           gOurs.done = true;
-                       }),
+        gOurs.doneCount = PLDynamicCast<PLNumber>(n.userInfo->get("count"))->int64Value();
+        gOurs.done = true;
+    }),
                        str("bench.done").get(), nullptr);
     // Our filters are on the bus once our own notification comes back.
     bool back = false;
@@ -341,9 +341,8 @@ void BM_OneWayOurs(benchmark::State& state) {
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
         if (gOurs.doneCount != kFlood) die("the peer saw " + std::to_string(gOurs.doneCount) + " notifications");
     }
-    state.counters["messages_per_s"] =
-        benchmark::Counter(static_cast<double>(kFlood) * static_cast<double>(state.iterations()),
-                           benchmark::Counter::kIsRate);
+    state.counters["messages_per_s"] = benchmark::Counter(
+        static_cast<double>(kFlood) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 #ifdef QUILL_BENCH_HAVE_SDBUS
@@ -394,15 +393,17 @@ void BM_OneWayBare(benchmark::State& state) {
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
         if (gBare.doneCount != kFlood) die("the bare peer saw " + std::to_string(gBare.doneCount) + " signals");
     }
-    state.counters["messages_per_s"] =
-        benchmark::Counter(static_cast<double>(kFlood) * static_cast<double>(state.iterations()),
-                           benchmark::Counter::kIsRate);
+    state.counters["messages_per_s"] = benchmark::Counter(
+        static_cast<double>(kFlood) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 #endif
 
 void roundTrips(benchmark::internal::Benchmark* b) {
-    b->UseManualTime()->Iterations(kRoundTrips)->Repetitions(5)->ReportAggregatesOnly(true)->Unit(
-        benchmark::kMicrosecond);
+    b->UseManualTime()
+        ->Iterations(kRoundTrips)
+        ->Repetitions(5)
+        ->ReportAggregatesOnly(true)
+        ->Unit(benchmark::kMicrosecond);
 }
 
 void flood(benchmark::internal::Benchmark* b) {

@@ -5,19 +5,18 @@
 // Each benchmark iteration writes kBatch records; items/s is records/s. The
 // message is about 100 bytes of ASCII at level 3 ("plain"), or the same line
 // put together from text and numbers ("composed").
-#include <quillcore/logging/CQuillLogger.h>
-
-#include <benchmark/benchmark.h>
-
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <quillcore/logging/CQuillLogger.h>
 
 #if QUILL_BENCH_HAVE_SPDLOG
 #include <spdlog/sinks/basic_file_sink.h>
@@ -56,8 +55,7 @@ void runBatch(int threads, Body body) {
         return;
     }
     std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t)
-        workers.emplace_back(body, kBatch * t / threads, kBatch * (t + 1) / threads);
+    for (int t = 0; t < threads; ++t) workers.emplace_back(body, kBatch * t / threads, kBatch * (t + 1) / threads);
     for (std::thread& worker : workers) worker.join();
 }
 
@@ -98,9 +96,11 @@ void BM_SpdlogFileSink(benchmark::State& state) {
     std::filesystem::remove(path);
     std::shared_ptr<spdlog::logger> logger;
     if (threads == 1)
-        logger = std::make_shared<spdlog::logger>("bench", std::make_shared<spdlog::sinks::basic_file_sink_st>(path, true));
+        logger =
+            std::make_shared<spdlog::logger>("bench", std::make_shared<spdlog::sinks::basic_file_sink_st>(path, true));
     else
-        logger = std::make_shared<spdlog::logger>("bench", std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true));
+        logger =
+            std::make_shared<spdlog::logger>("bench", std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true));
     logger->set_pattern("<r t=\"%Y-%m-%dT%H:%M:%S.%f\" l=\"%l\" p=\"%P\" n=\"%n\">%v</r>");
     logger->flush_on(spdlog::level::off);
     for (auto _ : state) {
@@ -140,8 +140,8 @@ void BM_OursWithoutWrite(benchmark::State& state) {
 void BM_BareWrite(benchmark::State& state) {
     const std::string path = logPath("bare");
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
-    const std::string line = "<log tms=\"817000000.123\" tmt=\"11/22/2026 06:00:00.123\" pid=\"12345\" msg=\"" +
-                             kMessage + "\"/>\n";
+    const std::string line =
+        "<log tms=\"817000000.123\" tmt=\"11/22/2026 06:00:00.123\" pid=\"12345\" msg=\"" + kMessage + "\"/>\n";
     for (auto _ : state) {
         for (long i = 0; i < kBatch; ++i)
             if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) std::abort();

@@ -4,16 +4,6 @@
 // The file is $QUILL_BENCH_MD5_FILE, or a file of $QUILL_BENCH_MD5_MIB MiB
 // (default 1024) of random bytes made in $TMPDIR for the run and removed at
 // the end. Throughput is bytes/s of the file (Google Benchmark's "bytes_per_second").
-#include <quillcore/util/CMessageDigest.h>
-
-#include <benchmark/benchmark.h>
-#include <openssl/evp.h>
-
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -21,6 +11,15 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <quillcore/util/CMessageDigest.h>
 
 extern char** environ;
 
@@ -111,8 +110,18 @@ void BM_OpensslDgstCommand(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_CMessageDigest)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
-BENCHMARK(BM_EVPLoop)->Name("BM_EVPLoop/16MiB")->Arg(16 << 20)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
-BENCHMARK(BM_EVPLoop)->Name("BM_EVPLoop/64KiB")->Arg(64 << 10)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_EVPLoop)
+    ->Name("BM_EVPLoop/16MiB")
+    ->Arg(16 << 20)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
+BENCHMARK(BM_EVPLoop)
+    ->Name("BM_EVPLoop/64KiB")
+    ->Arg(64 << 10)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
 BENCHMARK(BM_OpensslDgstCommand)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 int main(int argc, char** argv) {

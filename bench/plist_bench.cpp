@@ -15,15 +15,13 @@
 //
 // Before measuring, the program checks that our output reads back to a value
 // equal to the one parsed, and aborts if not.
-#include <quillcore/platform/PLPropertyList.h>
-
 #include <benchmark/benchmark.h>
 #include <expat.h>
+
+#include <quillcore/platform/PLPropertyList.h>
 #ifdef QUILL_BENCH_HAVE_LIBPLIST
 #include <plist/plist.h>
 #endif
-
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -32,6 +30,8 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+
+#include <unistd.h>
 
 namespace {
 
@@ -51,8 +51,7 @@ std::string loadDocument() {
     if (const char* path = std::getenv("QUILL_BENCH_PLIST"); path && *path) return readWholeFile(path);
     const std::string file =
         (std::filesystem::temp_directory_path() / ("plist_bench." + std::to_string(getpid()) + ".plist")).string();
-    const std::string command =
-        std::string("python3 '") + QUILL_BENCH_SOURCE_DIR + "/gen_plist.py' '" + file + "'";
+    const std::string command = std::string("python3 '") + QUILL_BENCH_SOURCE_DIR + "/gen_plist.py' '" + file + "'";
     if (std::system(command.c_str()) != 0) {
         std::fprintf(stderr, "plist_bench: %s failed\n", command.c_str());
         std::exit(1);

@@ -23,21 +23,14 @@
 // measurement covers the start signal to the last child's exit.
 //
 // usage: plist_file_bench [google benchmark flags]   (works in $TMPDIR)
-#include "bench/PlistFileFixture.h"
+#include <benchmark/benchmark.h>
 
+#include "bench/PlistFileFixture.h"
 #include <quillcore/platform/PLPropertyList.h>
 #include <quillcore/plist/CPropertyListBasicFile.h>
-
-#include <benchmark/benchmark.h>
 #ifdef QUILL_BENCH_HAVE_LIBPLIST
 #include <plist/plist.h>
 #endif
-
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -46,6 +39,12 @@
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 

@@ -13,13 +13,6 @@
 // CPropertyListBasicFile. A damaged file is counted and restored.
 //
 // usage: plist_kill_report [KILLS=300] [MAX_DELAY_US=3000]
-#include "bench/PlistFileFixture.h"
-
-#include <quillcore/platform/PLPropertyList.h>
-#include <quillcore/plist/CPropertyListBasicFile.h>
-
-#include <ferrocore/CException.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -30,6 +23,11 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "bench/PlistFileFixture.h"
+#include <ferrocore/CException.h>
+#include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/plist/CPropertyListBasicFile.h>
 
 namespace {
 

@@ -5,17 +5,16 @@
 // vfork-style start of CTask itself, and a CTask2, which opens a pipe and a
 // pseudo-terminal per launch and reads the output. Rates are launches per
 // second of wall time ("items_per_second").
-#include <quillcore/process/CTask.h>
-#include <quillcore/process/CTask2.h>
+#include <cstdio>
+#include <cstdlib>
 
 #include <benchmark/benchmark.h>
-
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
+#include <quillcore/process/CTask.h>
+#include <quillcore/process/CTask2.h>
 
 extern char** environ;
 

@@ -1,7 +1,7 @@
-#include <ferrocore/CException.h>
-
 #include <cstring>
 #include <utility>
+
+#include <ferrocore/CException.h>
 
 namespace ferrocore {
 

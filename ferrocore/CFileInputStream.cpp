@@ -1,15 +1,14 @@
-#include <ferrocore/CFileInputStream.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/Format.h>
+#include <cerrno>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <utility>
-#include <vector>
+#include <ferrocore/CException.h>
+#include <ferrocore/CFileInputStream.h>
+#include <ferrocore/Format.h>
 
 namespace ferrocore {
 
@@ -77,10 +76,9 @@ CFileInputStream::CFileInputStream(const std::string& path) : _path(path) {
     } while (_descriptor < 0 && errno == EINTR);
     if (_descriptor < 0) {
         const int error = errno;
-        throw CException(kExceptionKindSystemCall,
-                         formatString("CFileInputStream::open(%s): can't open file, error = %s", path,
-                                      errorText(error)),
-                         error);
+        throw CException(
+            kExceptionKindSystemCall,
+            formatString("CFileInputStream::open(%s): can't open file, error = %s", path, errorText(error)), error);
     }
 }
 
@@ -104,10 +102,10 @@ std::uint64_t CFileInputStream::size() const {
     struct stat status;
     if (::fstat(_descriptor, &status) != 0) {
         const int error = errno;
-        throw CException(kExceptionKindSystemCall,
-                         formatString("CFileInputStream::size(%s): can't get file status, error = %s", _path,
-                                      errorText(error)),
-                         error);
+        throw CException(
+            kExceptionKindSystemCall,
+            formatString("CFileInputStream::size(%s): can't get file status, error = %s", _path, errorText(error)),
+            error);
     }
     return static_cast<std::uint64_t>(status.st_size);
 }
@@ -116,10 +114,9 @@ std::size_t CFileInputStream::read(void* buffer, std::size_t count) {
     const ssize_t n = readFully(_descriptor, buffer, count);
     if (n < 0) {
         const int error = errno;
-        throw CException(kExceptionKindSystemCall,
-                         formatString("CFileInputStream::read(%s): can't read file, error = %s", _path,
-                                      errorText(error)),
-                         error);
+        throw CException(
+            kExceptionKindSystemCall,
+            formatString("CFileInputStream::read(%s): can't read file, error = %s", _path, errorText(error)), error);
     }
     return static_cast<std::size_t>(n);
 }

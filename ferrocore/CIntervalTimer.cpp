@@ -1,14 +1,13 @@
-#include <ferrocore/CIntervalTimer.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/CMutex.h>
-#include <ferrocore/Format.h>
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <exception>
 #include <system_error>
+
+#include <ferrocore/CException.h>
+#include <ferrocore/CIntervalTimer.h>
+#include <ferrocore/CMutex.h>
+#include <ferrocore/Format.h>
 
 namespace ferrocore {
 
@@ -49,8 +48,7 @@ void CIntervalTimer::run(const std::shared_ptr<State>& state, double interval) {
     }
 }
 
-CIntervalTimer::CIntervalTimer(double intervalSeconds, std::function<void()> callback)
-    : _interval(intervalSeconds) {
+CIntervalTimer::CIntervalTimer(double intervalSeconds, std::function<void()> callback) : _interval(intervalSeconds) {
     if (!(intervalSeconds > 0) || !std::isfinite(intervalSeconds))
         throw CParamException(formatString("CIntervalTimer: invalid interval %g", intervalSeconds));
     _state = std::make_shared<State>(std::move(callback));

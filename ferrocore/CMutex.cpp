@@ -1,11 +1,10 @@
-#include <ferrocore/CMutex.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/Format.h>
-
 #include <cerrno>
 #include <cmath>
 #include <ctime>
+
+#include <ferrocore/CException.h>
+#include <ferrocore/CMutex.h>
+#include <ferrocore/Format.h>
 
 namespace ferrocore {
 

@@ -1,10 +1,8 @@
-#include <ferrocore/CString.h>
-
-#include <ferrocore/CException.h>
+#include <utility>
 
 #include "ferrocore/XMLText.h"
-
-#include <utility>
+#include <ferrocore/CException.h>
+#include <ferrocore/CString.h>
 
 namespace ferrocore {
 
@@ -42,12 +40,8 @@ CString::CString(std::string&& utf8) noexcept : _text(std::move(utf8)) {}
 
 CString::CString(const CString& source, eStringOptions options) {
     switch (options) {
-    case kStringOptionNone:
-        _text = source._text;
-        return;
-    case kStringOptionXMLAttributeSafe:
-        _text = xmlAttributeSafe(source._text);
-        return;
+        case kStringOptionNone: _text = source._text; return;
+        case kStringOptionXMLAttributeSafe: _text = xmlAttributeSafe(source._text); return;
     }
     throw CParamException(formatString("CString: unsupported string option %d", static_cast<int>(options)));
 }
@@ -69,8 +63,8 @@ std::size_t CString::length() const noexcept { return characterCount(_text); }
 char32_t CString::characterAtIndex(std::size_t index) const {
     std::size_t pos = byteOffsetOfCharacter(_text, index);
     if (pos == std::string_view::npos || pos >= _text.size())
-        throw CParamException(formatString("CString::characterAtIndex: index %zu out of range (length %zu)", index,
-                                           length()));
+        throw CParamException(
+            formatString("CString::characterAtIndex: index %zu out of range (length %zu)", index, length()));
     return utf8::decode(_text, pos);
 }
 

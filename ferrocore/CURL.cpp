@@ -1,14 +1,13 @@
-#include <ferrocore/CURL.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/Format.h>
+#include <cerrno>
+#include <string>
+#include <vector>
 
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <string>
-#include <vector>
+#include <ferrocore/CException.h>
+#include <ferrocore/CURL.h>
+#include <ferrocore/Format.h>
 
 namespace ferrocore {
 
@@ -275,8 +274,7 @@ CURLRef CURL::copyByAppendingPathComponent(std::string_view component, bool isDi
 CURLRef CURL::copyByAppendingPathExtension(std::string_view extension) const {
     const PathSplit split = splitPath(_path);
     if (split.last.empty())
-        throw CParamException(
-            formatString("CURL::copyByAppendingPathExtension: %s has no last path component", _text));
+        throw CParamException(formatString("CURL::copyByAppendingPathExtension: %s has no last path component", _text));
     std::string path(split.parent);
     path.append(split.last);
     path += '.';

@@ -1,6 +1,6 @@
-#include <ferrocore/CUUIDString.h>
-
 #include <uuid/uuid.h>
+
+#include <ferrocore/CUUIDString.h>
 
 namespace ferrocore {
 

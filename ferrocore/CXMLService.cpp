@@ -1,15 +1,13 @@
-#include <ferrocore/CXMLService.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/Format.h>
-
-#include "ferrocore/XMLText.h"
-
-#include <expat.h>
-
-#include <climits>
 #include <new>
 #include <random>
+
+#include <climits>
+#include <expat.h>
+
+#include "ferrocore/XMLText.h"
+#include <ferrocore/CException.h>
+#include <ferrocore/CXMLService.h>
+#include <ferrocore/Format.h>
 
 namespace ferrocore {
 
@@ -159,20 +157,18 @@ struct CXMLService::Builder {
             XML_SetXmlDeclHandler(builder.parser, xmlDeclaration);
         }
         XML_SetStartDoctypeDeclHandler(builder.parser, startDocumentType);
-        const XML_Status status =
-            XML_Parse(builder.parser, text.data(), static_cast<int>(text.size()), XML_TRUE);
+        const XML_Status status = XML_Parse(builder.parser, text.data(), static_cast<int>(text.size()), XML_TRUE);
         switch (builder.refusal) {
-        case Refusal::DocumentType:
-            return formatString(
-                "CXMLService: document type declarations are not accepted, line %lu, column %lu",
-                static_cast<unsigned long>(builder.line), static_cast<unsigned long>(builder.column));
-        case Refusal::Depth:
-            return formatString("CXMLService: elements nested deeper than %zu, line %lu, column %lu", kMaxXMLDepth,
-                                static_cast<unsigned long>(builder.line), static_cast<unsigned long>(builder.column));
-        case Refusal::Memory:
-            throw std::bad_alloc();
-        case Refusal::None:
-            break;
+            case Refusal::DocumentType:
+                return formatString("CXMLService: document type declarations are not accepted, line %lu, column %lu",
+                                    static_cast<unsigned long>(builder.line),
+                                    static_cast<unsigned long>(builder.column));
+            case Refusal::Depth:
+                return formatString("CXMLService: elements nested deeper than %zu, line %lu, column %lu", kMaxXMLDepth,
+                                    static_cast<unsigned long>(builder.line),
+                                    static_cast<unsigned long>(builder.column));
+            case Refusal::Memory: throw std::bad_alloc();
+            case Refusal::None: break;
         }
         if (status != XML_STATUS_OK) {
             return formatString("CXMLService: text is not well-formed XML, line %lu, column %lu: %s",

@@ -1,10 +1,9 @@
-#include <ferrocore/Format.h>
-
-#include <ferrocore/Utf8.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <string>
+
+#include <ferrocore/Format.h>
+#include <ferrocore/Utf8.h>
 
 namespace ferrocore {
 
@@ -79,70 +78,62 @@ void appendText(std::string& out, const Conversion& conversion, std::string_view
 
 std::string decimalText(const CFormatArgument& arg) {
     switch (arg.type()) {
-    case CFormatArgument::Type::Signed:
-        return std::to_string(arg.signedValue());
-    case CFormatArgument::Type::Unsigned:
-        return std::to_string(arg.unsignedValue());
-    case CFormatArgument::Type::Floating: {
-        std::string s;
-        appendPrintf(s, "%g", arg.floatingValue());
-        return s;
-    }
-    case CFormatArgument::Type::Pointer: {
-        std::string s;
-        appendPrintf(s, "%p", arg.pointerValue());
-        return s;
-    }
-    case CFormatArgument::Type::Text:
-        break;
+        case CFormatArgument::Type::Signed: return std::to_string(arg.signedValue());
+        case CFormatArgument::Type::Unsigned: return std::to_string(arg.unsignedValue());
+        case CFormatArgument::Type::Floating: {
+            std::string s;
+            appendPrintf(s, "%g", arg.floatingValue());
+            return s;
+        }
+        case CFormatArgument::Type::Pointer: {
+            std::string s;
+            appendPrintf(s, "%p", arg.pointerValue());
+            return s;
+        }
+        case CFormatArgument::Type::Text: break;
     }
     return arg.isNullText() ? std::string("(null)") : std::string(arg.text());
 }
 
 void appendSigned(std::string& out, const Conversion& conversion, const CFormatArgument& arg) {
     switch (arg.type()) {
-    case CFormatArgument::Type::Signed:
-        appendPrintf(out, conversionPrefix(conversion) + "lld", arg.signedValue());
-        return;
-    case CFormatArgument::Type::Unsigned:
-        appendPrintf(out, conversionPrefix(conversion, true) + "llu", arg.unsignedValue());
-        return;
-    case CFormatArgument::Type::Floating:
-        appendPrintf(out, conversionPrefix(conversion) + "lld", static_cast<long long>(arg.floatingValue()));
-        return;
-    case CFormatArgument::Type::Pointer:
-        appendPrintf(out, conversionPrefix(conversion) + "lld",
-                     static_cast<long long>(reinterpret_cast<std::uintptr_t>(arg.pointerValue())));
-        return;
-    case CFormatArgument::Type::Text:
-        appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
-        return;
+        case CFormatArgument::Type::Signed:
+            appendPrintf(out, conversionPrefix(conversion) + "lld", arg.signedValue());
+            return;
+        case CFormatArgument::Type::Unsigned:
+            appendPrintf(out, conversionPrefix(conversion, true) + "llu", arg.unsignedValue());
+            return;
+        case CFormatArgument::Type::Floating:
+            appendPrintf(out, conversionPrefix(conversion) + "lld", static_cast<long long>(arg.floatingValue()));
+            return;
+        case CFormatArgument::Type::Pointer:
+            appendPrintf(out, conversionPrefix(conversion) + "lld",
+                         static_cast<long long>(reinterpret_cast<std::uintptr_t>(arg.pointerValue())));
+            return;
+        case CFormatArgument::Type::Text:
+            appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
+            return;
     }
 }
 
 void appendUnsigned(std::string& out, const Conversion& conversion, const CFormatArgument& arg) {
     unsigned long long value = 0;
     switch (arg.type()) {
-    case CFormatArgument::Type::Signed: {
-        std::size_t size = lengthSize(conversion.length);
-        if (size == 0) size = arg.integerSize();
-        value = static_cast<unsigned long long>(arg.signedValue());
-        if (arg.signedValue() < 0 && size < sizeof(unsigned long long))
-            value &= (1ULL << (8 * size)) - 1;
-        break;
-    }
-    case CFormatArgument::Type::Unsigned:
-        value = arg.unsignedValue();
-        break;
-    case CFormatArgument::Type::Floating:
-        value = static_cast<unsigned long long>(static_cast<long long>(arg.floatingValue()));
-        break;
-    case CFormatArgument::Type::Pointer:
-        value = reinterpret_cast<std::uintptr_t>(arg.pointerValue());
-        break;
-    case CFormatArgument::Type::Text:
-        appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
-        return;
+        case CFormatArgument::Type::Signed: {
+            std::size_t size = lengthSize(conversion.length);
+            if (size == 0) size = arg.integerSize();
+            value = static_cast<unsigned long long>(arg.signedValue());
+            if (arg.signedValue() < 0 && size < sizeof(unsigned long long)) value &= (1ULL << (8 * size)) - 1;
+            break;
+        }
+        case CFormatArgument::Type::Unsigned: value = arg.unsignedValue(); break;
+        case CFormatArgument::Type::Floating:
+            value = static_cast<unsigned long long>(static_cast<long long>(arg.floatingValue()));
+            break;
+        case CFormatArgument::Type::Pointer: value = reinterpret_cast<std::uintptr_t>(arg.pointerValue()); break;
+        case CFormatArgument::Type::Text:
+            appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
+            return;
     }
     appendPrintf(out, conversionPrefix(conversion, true) + "ll" + conversion.conversion, value);
 }
@@ -150,19 +141,13 @@ void appendUnsigned(std::string& out, const Conversion& conversion, const CForma
 void appendFloating(std::string& out, const Conversion& conversion, const CFormatArgument& arg) {
     double value = 0;
     switch (arg.type()) {
-    case CFormatArgument::Type::Signed:
-        value = static_cast<double>(arg.signedValue());
-        break;
-    case CFormatArgument::Type::Unsigned:
-        value = static_cast<double>(arg.unsignedValue());
-        break;
-    case CFormatArgument::Type::Floating:
-        value = arg.floatingValue();
-        break;
-    case CFormatArgument::Type::Pointer:
-    case CFormatArgument::Type::Text:
-        appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
-        return;
+        case CFormatArgument::Type::Signed: value = static_cast<double>(arg.signedValue()); break;
+        case CFormatArgument::Type::Unsigned: value = static_cast<double>(arg.unsignedValue()); break;
+        case CFormatArgument::Type::Floating: value = arg.floatingValue(); break;
+        case CFormatArgument::Type::Pointer:
+        case CFormatArgument::Type::Text:
+            appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
+            return;
     }
     appendPrintf(out, conversionPrefix(conversion) + conversion.conversion, value);
 }
@@ -170,19 +155,13 @@ void appendFloating(std::string& out, const Conversion& conversion, const CForma
 void appendCharacter(std::string& out, const Conversion& conversion, const CFormatArgument& arg) {
     unsigned long long value = 0;
     switch (arg.type()) {
-    case CFormatArgument::Type::Signed:
-        value = static_cast<unsigned long long>(arg.signedValue());
-        break;
-    case CFormatArgument::Type::Unsigned:
-        value = arg.unsignedValue();
-        break;
-    case CFormatArgument::Type::Floating:
-        value = static_cast<unsigned long long>(arg.floatingValue());
-        break;
-    case CFormatArgument::Type::Pointer:
-    case CFormatArgument::Type::Text:
-        appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
-        return;
+        case CFormatArgument::Type::Signed: value = static_cast<unsigned long long>(arg.signedValue()); break;
+        case CFormatArgument::Type::Unsigned: value = arg.unsignedValue(); break;
+        case CFormatArgument::Type::Floating: value = static_cast<unsigned long long>(arg.floatingValue()); break;
+        case CFormatArgument::Type::Pointer:
+        case CFormatArgument::Type::Text:
+            appendText(out, Conversion{conversion.flags, conversion.width, -1, {}, 's'}, decimalText(arg));
+            return;
     }
     std::string text;
     if (conversion.length == "l")
@@ -282,34 +261,25 @@ std::string formatStringWithArguments(std::string_view format, const CFormatArgu
         }
         const CFormatArgument& arg = arguments[next++];
         switch (c) {
-        case 'd':
-        case 'i':
-            appendSigned(out, conversion, arg);
-            break;
-        case 'o':
-        case 'u':
-        case 'x':
-        case 'X':
-            appendUnsigned(out, conversion, arg);
-            break;
-        case 'c':
-            appendCharacter(out, conversion, arg);
-            break;
-        case 's':
-        case '@':
-            appendText(out, conversion, decimalText(arg));
-            break;
-        case 'p':
-            if (arg.type() == CFormatArgument::Type::Pointer)
-                appendPrintf(out, conversionPrefix(conversion) + "p", arg.pointerValue());
-            else
-                appendText(out, conversion, decimalText(arg));
-            break;
-        case 'n':
-            break;
-        default:  // floating conversions
-            appendFloating(out, conversion, arg);
-            break;
+            case 'd':
+            case 'i': appendSigned(out, conversion, arg); break;
+            case 'o':
+            case 'u':
+            case 'x':
+            case 'X': appendUnsigned(out, conversion, arg); break;
+            case 'c': appendCharacter(out, conversion, arg); break;
+            case 's':
+            case '@': appendText(out, conversion, decimalText(arg)); break;
+            case 'p':
+                if (arg.type() == CFormatArgument::Type::Pointer)
+                    appendPrintf(out, conversionPrefix(conversion) + "p", arg.pointerValue());
+                else
+                    appendText(out, conversion, decimalText(arg));
+                break;
+            case 'n': break;
+            default:  // floating conversions
+                appendFloating(out, conversion, arg);
+                break;
         }
     }
     return out;

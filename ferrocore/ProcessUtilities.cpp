@@ -1,13 +1,13 @@
-#include <ferrocore/ProcessUtilities.h>
-
-#include <dirent.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
+
+#include <dirent.h>
+
+#include <ferrocore/ProcessUtilities.h>
 
 namespace ferrocore::ProcessUtilities {
 

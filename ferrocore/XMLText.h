@@ -1,10 +1,10 @@
 // XML escaping shared by the string and XML code of the base library.
 #pragma once
 
-#include <ferrocore/Utf8.h>
-
 #include <string>
 #include <string_view>
+
+#include <ferrocore/Utf8.h>
 
 namespace ferrocore::xmltext {
 
@@ -21,40 +21,20 @@ inline void appendEscaped(std::string& out, std::string_view text, bool attribut
         if (c < 0x80) {
             ++pos;
             switch (c) {
-            case '&':
-                out += "&amp;";
-                continue;
-            case '<':
-                out += "&lt;";
-                continue;
-            case '>':
-                out += "&gt;";
-                continue;
-            case '\r':
-                out += "&#13;";
-                continue;
-            default:
-                break;
+                case '&': out += "&amp;"; continue;
+                case '<': out += "&lt;"; continue;
+                case '>': out += "&gt;"; continue;
+                case '\r': out += "&#13;"; continue;
+                default: break;
             }
             if (attribute) {
                 switch (c) {
-                case '"':
-                    out += "&quot;";
-                    continue;
-                case '\'':
-                    out += "&apos;";
-                    continue;
-                case '\t':
-                    out += "&#9;";
-                    continue;
-                case '\n':
-                    out += "&#10;";
-                    continue;
-                case 0x7F:
-                    out += "&#127;";
-                    continue;
-                default:
-                    break;
+                    case '"': out += "&quot;"; continue;
+                    case '\'': out += "&apos;"; continue;
+                    case '\t': out += "&#9;"; continue;
+                    case '\n': out += "&#10;"; continue;
+                    case 0x7F: out += "&#127;"; continue;
+                    default: break;
                 }
             }
             if (c < 0x20 && c != '\t' && c != '\n')

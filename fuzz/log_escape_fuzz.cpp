@@ -2,15 +2,15 @@
 // must never accept a message that the XML parser refuses, its escaping must
 // give exactly what the step-by-step way gives, and whatever it gives must
 // stand inside a record without breaking it, at level 3 and at another level.
-#include "quillcore/logging/LogRecord.h"
-#include "tests/support/LogEscapeReference.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
+
+#include "quillcore/logging/LogRecord.h"
+#include "tests/support/LogEscapeReference.h"
 
 namespace {
 

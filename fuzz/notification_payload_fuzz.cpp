@@ -6,14 +6,14 @@
 // nothing for an empty payload). A dictionary it gives must go out and come
 // back unchanged, as it would when an observer passes it on to another
 // process. Any violation aborts. Inputs are capped at 1 MiB.
-#include <quillcore/platform/NotificationCenter.h>
-#include <quillcore/platform/PLPropertyList.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include <quillcore/platform/NotificationCenter.h>
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace {
 

@@ -12,16 +12,15 @@
 // Any violation aborts. Inputs are capped at 1 MiB, and the round trips are
 // skipped for trees whose shared parts stand for more than a million values
 // (the reader allows more, and writing them out would only measure memory).
-#include <quillcore/platform/PLPropertyList.h>
-
-#include "platform/PLPropertyListReaders.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include "platform/PLPropertyListReaders.h"
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace {
 
@@ -55,7 +54,8 @@ PLHolder<const PLObject> read(const void* bytes, std::size_t size, PLMutability 
 void checkXML(const PLObject* plist) {
     std::string xml, error;
     if (!PLPropertyListWriteXML(plist, xml, &error)) {
-        if (PLPropertyListIsValid(plist, PLPropertyListFormat::XML)) failCheck("valid tree refused by XML writer", error);
+        if (PLPropertyListIsValid(plist, PLPropertyListFormat::XML))
+            failCheck("valid tree refused by XML writer", error);
         if (error.empty()) failCheck("XML writer refused without a reason", "");
         return;
     }

@@ -3,16 +3,16 @@
 // well-formedness check must agree with the full parse. Also checks that the
 // attribute-safe copy of any text (string option 3) stands inside an
 // attribute.
-#include <ferrocore/CException.h>
-#include <ferrocore/CString.h>
-#include <ferrocore/CXMLService.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
+
+#include <ferrocore/CException.h>
+#include <ferrocore/CString.h>
+#include <ferrocore/CXMLService.h>
 
 namespace {
 
@@ -42,8 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ferrocore::CXMLServiceRef first;
     try {
         first = ferrocore::CXMLService::create(input);
-    } catch (const ferrocore::CParamException&) {
-    }
+    } catch (const ferrocore::CParamException&) {}
     if (wellFormed != static_cast<bool>(first)) fail("isWellFormed disagrees with the parser", input);
 
     if (first) {
@@ -60,6 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     const std::string safe = ferrocore::CString::create(input)->xmlAttributeSafeCopy()->utf8();
-    if (!ferrocore::CXMLService::isWellFormed("<log msg=\"" + safe + "\"/>")) fail("option 3 copy does not parse", safe);
+    if (!ferrocore::CXMLService::isWellFormed("<log msg=\"" + safe + "\"/>"))
+        fail("option 3 copy does not parse", safe);
     return 0;
 }

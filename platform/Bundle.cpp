@@ -1,14 +1,13 @@
-#include <quillcore/platform/Bundle.h>
-
-#include <quillcore/platform/Host.h>
-#include <quillcore/platform/PLPropertyList.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
 #include <utility>
+
+#include <quillcore/platform/Bundle.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace quill::platform {
 

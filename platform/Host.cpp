@@ -1,6 +1,6 @@
-#include <quillcore/platform/Host.h>
-
 #include <atomic>
+
+#include <quillcore/platform/Host.h>
 
 namespace quill::platform {
 
@@ -57,9 +57,7 @@ std::error_code CHostWrapper::writeFileAt(int fd, std::uint64_t offset, const vo
                                           std::size_t& written) {
     return _target->writeFileAt(fd, offset, data, size, written);
 }
-std::error_code CHostWrapper::truncateFile(int fd, std::uint64_t length) {
-    return _target->truncateFile(fd, length);
-}
+std::error_code CHostWrapper::truncateFile(int fd, std::uint64_t length) { return _target->truncateFile(fd, length); }
 std::error_code CHostWrapper::fileSystemStatus(const std::string& path) { return _target->fileSystemStatus(path); }
 std::error_code CHostWrapper::fileMode(const std::string& path, std::uint32_t& mode) {
     return _target->fileMode(path, mode);
@@ -68,7 +66,7 @@ std::error_code CHostWrapper::setFileMode(const std::string& path, std::uint32_t
     return _target->setFileMode(path, mode);
 }
 std::error_code CHostWrapper::openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
-                                                  int& fd) {
+                                                   int& fd) {
     return _target->openFileForAppending(path, truncate, mode, fd);
 }
 std::error_code CHostWrapper::writeFile(int fd, const void* data, std::size_t size, std::size_t& written) {

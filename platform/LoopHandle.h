@@ -3,11 +3,10 @@
 // it. The thread clears it when it ends, so nobody reaches a loop that is gone.
 #pragma once
 
-#include <quillcore/platform/RunLoop.h>
+#include <memory>
 
 #include <ferrocore/CMutex.h>
-
-#include <memory>
+#include <quillcore/platform/RunLoop.h>
 
 namespace quill::platform {
 

@@ -1,18 +1,15 @@
-#include <quillcore/platform/NotificationCenter.h>
-
-#include "platform/LoopHandle.h"
-
-#include <quillcore/platform/Host.h>
-#include <quillcore/platform/PLPropertyList.h>
-#include <quillcore/platform/RunLoop.h>
-
-#include <ferrocore/CMutex.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
 #include <utility>
+
+#include "platform/LoopHandle.h"
+#include <ferrocore/CMutex.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/NotificationCenter.h>
+#include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/platform/RunLoop.h>
 
 namespace quill::platform {
 
@@ -122,9 +119,8 @@ struct CNotificationCenter::State {
     template <class Pred>
     std::vector<RegistrationRef> takeOut(Pred remove) FERRO_REQUIRES(registryMutex) {
         std::vector<RegistrationRef> removed;
-        auto keep = std::stable_partition(registrations.begin(), registrations.end(), [&](const RegistrationRef& r) {
-            return !remove(*r) && r->loopAlive();
-        });
+        auto keep = std::stable_partition(registrations.begin(), registrations.end(),
+                                          [&](const RegistrationRef& r) { return !remove(*r) && r->loopAlive(); });
         for (auto it = keep; it != registrations.end(); ++it) {
             (*it)->active.store(false, std::memory_order_release);
             removed.push_back(std::move(*it));
@@ -328,8 +324,8 @@ bool decodeNotificationPayload(const void* bytes, std::size_t size, PLHolder<con
     }
     if (!PLDynamicCast<PLDictionary>(plist.get())) {
         if (errorDescription) {
-            *errorDescription = std::string("the user information is a ") + PLTypeName(plist->typeID()) +
-                                ", not a dictionary";
+            *errorDescription =
+                std::string("the user information is a ") + PLTypeName(plist->typeID()) + ", not a dictionary";
         }
         return false;
     }

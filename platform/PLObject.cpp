@@ -1,11 +1,5 @@
 // The host object runtime: value creation, destruction, equality, hashing,
 // dictionary indexing and copies.
-#include <quillcore/platform/PLObject.h>
-
-#include "platform/PLObjectFactory.h"
-
-#include <unistd.h>
-
 #include <bit>
 #include <cmath>
 #include <cstdlib>
@@ -16,6 +10,11 @@
 #include <mutex>
 #include <new>
 #include <stdexcept>
+
+#include <unistd.h>
+
+#include "platform/PLObjectFactory.h"
+#include <quillcore/platform/PLObject.h>
 
 namespace {
 
@@ -82,9 +81,7 @@ std::size_t hashDouble(double d) noexcept {
     return mix(std::bit_cast<std::uint64_t>(d));
 }
 
-std::size_t capacityFor(std::size_t count) noexcept {
-    return std::max<std::size_t>(16, std::bit_ceil(count * 2 + 1));
-}
+std::size_t capacityFor(std::size_t count) noexcept { return std::max<std::size_t>(16, std::bit_ceil(count * 2 + 1)); }
 
 // equals() for dictionary keys, with strings (the usual keys) compared inline.
 bool sameKey(const PLObject& a, const PLObject& b) noexcept {
@@ -208,8 +205,7 @@ bool PLObject::equals(const PLObject& other) const noexcept {
                               static_cast<const PLDate&>(other).absoluteTime());
         case PLTypeID::Data:
             return static_cast<const PLData&>(*this).view() == static_cast<const PLData&>(other).view();
-        case PLTypeID::URL:
-            return static_cast<const PLURL&>(*this).text() == static_cast<const PLURL&>(other).text();
+        case PLTypeID::URL: return static_cast<const PLURL&>(*this).text() == static_cast<const PLURL&>(other).text();
         case PLTypeID::Array: {
             const auto& a = static_cast<const PLArray&>(*this);
             const auto& b = static_cast<const PLArray&>(other);
@@ -556,8 +552,7 @@ namespace {
 // is entries[i].first->hash(); it is compacted along with the entries, and
 // keys are compared only when their hashes are equal, so that keys made long
 // before (by a reader) need not be fetched again.
-void compactEntries(std::vector<PLDictionaryEntry>& entries, std::vector<std::uint32_t>& index,
-                    std::size_t* hashes) {
+void compactEntries(std::vector<PLDictionaryEntry>& entries, std::vector<std::uint32_t>& index, std::size_t* hashes) {
     const std::size_t n = entries.size();
     if (n > kIndexThreshold) index.assign(capacityFor(n), 0);
     const std::size_t mask = index.size() - 1;

@@ -12,14 +12,14 @@
 // size.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <string_view>
 #include <vector>
+
+#include <quillcore/platform/PLObject.h>
 
 inline constexpr std::size_t kPLSlabSize = 16 * 1024;
 
@@ -50,8 +50,7 @@ public:
     PLHolder<const PLArray> array(std::vector<PLHolder<const PLObject>>&& values);
     // As PLDictionary::createFromEntries. When given, keyHashes[i] must be
     // entries[i].first->hash(); the array is overwritten.
-    PLHolder<const PLDictionary> dictionary(std::vector<PLDictionaryEntry>&& entries,
-                                            std::size_t* keyHashes = nullptr);
+    PLHolder<const PLDictionary> dictionary(std::vector<PLDictionaryEntry>&& entries, std::size_t* keyHashes = nullptr);
     // What hash() returns for a string of these bytes.
     static std::size_t stringHash(std::string_view utf8) noexcept;
 

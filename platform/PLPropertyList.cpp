@@ -1,9 +1,8 @@
 // Entry points of the property-list readers: the format is told by content.
-#include <quillcore/platform/PLPropertyList.h>
+#include <cstring>
 
 #include "platform/PLPropertyListReaders.h"
-
-#include <cstring>
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace {
 
@@ -13,7 +12,8 @@ constexpr char kBinaryMagic[] = "bplist";
 
 PLHolder<const PLObject> PLPropertyListCreateFromBytes(const void* bytes, std::size_t size, PLMutability mutability,
                                                        std::string* errorDescription, PLPropertyListFormat* format) {
-    const bool binary = size >= sizeof(kBinaryMagic) - 1 && std::memcmp(bytes, kBinaryMagic, sizeof(kBinaryMagic) - 1) == 0;
+    const bool binary =
+        size >= sizeof(kBinaryMagic) - 1 && std::memcmp(bytes, kBinaryMagic, sizeof(kBinaryMagic) - 1) == 0;
     if (format) *format = binary ? PLPropertyListFormat::Binary : PLPropertyListFormat::XML;
     if (size == 0 || !bytes) {
         if (errorDescription) *errorDescription = "empty input: not a property list";

@@ -12,17 +12,16 @@
 // objects being read (a reference back to one of them is a cycle), and
 // objects referenced more than once are built once when the result lets
 // them be shared.
-#include <ferrocore/Utf8.h>
-#include <quillcore/platform/PLPropertyList.h>
-
-#include "platform/PLPropertyListPrivate.h"
-#include "platform/PLPropertyListReaders.h"
-
 #include <bit>
 #include <cstring>
 #include <limits>
 #include <unordered_map>
 #include <vector>
+
+#include "platform/PLPropertyListPrivate.h"
+#include "platform/PLPropertyListReaders.h"
+#include <ferrocore/Utf8.h>
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace {
 
@@ -77,8 +76,8 @@ public:
             std::uint64_t logical = 0;
             if (!readObject(_top, _size - 16, 0, false, result, logical)) result.reset();
         }
-        if (!result && error) *error = "malformed binary property list at offset " + std::to_string(_errorOffset) +
-                                       ": " + _error;
+        if (!result && error)
+            *error = "malformed binary property list at offset " + std::to_string(_errorOffset) + ": " + _error;
         return result;
     }
 
@@ -90,7 +89,8 @@ private:
     }
 
     bool readTrailer() {
-        if (_size < kMagicSize + 1 + 1 + kTrailerSize) return fail(0, "file too short (" + std::to_string(_size) + " bytes)");
+        if (_size < kMagicSize + 1 + 1 + kTrailerSize)
+            return fail(0, "file too short (" + std::to_string(_size) + " bytes)");
         if (std::memcmp(_data, kMagic, kMagicSize) != 0) return fail(0, "unknown version (expected \"bplist00\")");
         const std::uint8_t* t = _data + _size - kTrailerSize;
         const std::size_t at = _size - kTrailerSize;
@@ -99,8 +99,10 @@ private:
         _count = readBE(t + 8, 8);
         _top = readBE(t + 16, 8);
         _tableOffset = readBE(t + 24, 8);
-        if (_offsetWidth < 1 || _offsetWidth > 8) return fail(at + 6, "invalid offset size " + std::to_string(_offsetWidth));
-        if (_refWidth < 1 || _refWidth > 8) return fail(at + 7, "invalid object reference size " + std::to_string(_refWidth));
+        if (_offsetWidth < 1 || _offsetWidth > 8)
+            return fail(at + 6, "invalid offset size " + std::to_string(_offsetWidth));
+        if (_refWidth < 1 || _refWidth > 8)
+            return fail(at + 7, "invalid object reference size " + std::to_string(_refWidth));
         if (_tableOffset < kMagicSize + 1 || _tableOffset >= at)
             return fail(at + 24, "offset table position " + std::to_string(_tableOffset) + " outside the file");
         if (_count == 0 || _count > (at - _tableOffset) / _offsetWidth)
@@ -132,8 +134,8 @@ private:
         return true;
     }
 
-    bool readObject(std::uint64_t number, std::size_t refAt, unsigned depth, bool isKey,
-                    PLHolder<const PLObject>& out, std::uint64_t& logical) {
+    bool readObject(std::uint64_t number, std::size_t refAt, unsigned depth, bool isKey, PLHolder<const PLObject>& out,
+                    std::uint64_t& logical) {
         if (number >= _count)
             return fail(refAt, "object reference " + std::to_string(number) + " out of range (" +
                                    std::to_string(_count) + " objects)");
@@ -309,7 +311,8 @@ private:
         std::string_view text;
         std::string converted;
         if (kind == kMarkerASCII) {
-            if (count > room) return fail(at, "string of " + std::to_string(count) + " bytes runs past the object area");
+            if (count > room)
+                return fail(at, "string of " + std::to_string(count) + " bytes runs past the object area");
             text = std::string_view(reinterpret_cast<const char*>(_data + p), static_cast<std::size_t>(count));
             for (std::size_t i = 0; i < text.size(); ++i) {
                 if (static_cast<unsigned char>(text[i]) >= 0x80)
@@ -384,7 +387,7 @@ private:
         const PLObject* value;
         std::uint32_t firstRef;  // containers: their references in _refs
         std::uint32_t refCount;
-        std::string text;        // strings: UTF-16BE or ASCII bytes as stored
+        std::string text;  // strings: UTF-16BE or ASCII bytes as stored
         bool utf16;
     };
 
@@ -424,14 +427,16 @@ private:
             }
             case PLTypeID::Number: {
                 const auto* n = static_cast<const PLNumber*>(value);
-                return n->isFloat() ? unique(bitsKey('r', std::bit_cast<std::uint64_t>(n->doubleValue())), value, id, isNew)
-                                    : unique(bitsKey('i', static_cast<std::uint64_t>(n->int64Value())), value, id, isNew);
+                return n->isFloat()
+                           ? unique(bitsKey('r', std::bit_cast<std::uint64_t>(n->doubleValue())), value, id, isNew)
+                           : unique(bitsKey('i', static_cast<std::uint64_t>(n->int64Value())), value, id, isNew);
             }
             case PLTypeID::Boolean:
                 return unique(static_cast<const PLBoolean*>(value)->value() ? "T" : "F", value, id, isNew);
             case PLTypeID::Date:
-                return unique(bitsKey('t', std::bit_cast<std::uint64_t>(static_cast<const PLDate*>(value)->absoluteTime())),
-                              value, id, isNew);
+                return unique(
+                    bitsKey('t', std::bit_cast<std::uint64_t>(static_cast<const PLDate*>(value)->absoluteTime())),
+                    value, id, isNew);
             case PLTypeID::Data:
                 return unique("d" + std::string(static_cast<const PLData*>(value)->view()), value, id, isNew);
             case PLTypeID::URL: return fail("value", "a URL is not a property-list type");
@@ -623,8 +628,7 @@ private:
 
 namespace plimpl {
 
-PLHolder<const PLObject> readBinary(const void* bytes, std::size_t size, PLMutability mutability,
-                                    std::string* error) {
+PLHolder<const PLObject> readBinary(const void* bytes, std::size_t size, PLMutability mutability, std::string* error) {
     return BinaryReader(static_cast<const std::uint8_t*>(bytes), size, mutability).read(error);
 }
 

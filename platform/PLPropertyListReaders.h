@@ -3,11 +3,11 @@
 // failure.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-#include <quillcore/platform/export.h>
-
 #include <cstddef>
 #include <string>
+
+#include <quillcore/platform/PLObject.h>
+#include <quillcore/platform/export.h>
 
 namespace plimpl {
 
@@ -16,7 +16,6 @@ namespace plimpl {
 inline constexpr std::size_t kXMLPiece = std::size_t{1} << 30;
 QUILL_PLATFORM_EXPORT PLHolder<const PLObject> readXML(const void* bytes, std::size_t size, PLMutability mutability,
                                                        std::string* error, std::size_t piece = kXMLPiece);
-PLHolder<const PLObject> readBinary(const void* bytes, std::size_t size, PLMutability mutability,
-                                    std::string* error);
+PLHolder<const PLObject> readBinary(const void* bytes, std::size_t size, PLMutability mutability, std::string* error);
 
 }  // namespace plimpl

@@ -8,14 +8,6 @@
 // a leaf whose text expat hands over in one piece is read where it lies in
 // expat's input buffer, and only text in several pieces is gathered into one
 // reused buffer.
-#include <quillcore/platform/PLPropertyList.h>
-
-#include "platform/PLObjectFactory.h"
-#include "platform/PLPropertyListReaders.h"
-#include "platform/PLPropertyListPrivate.h"
-
-#include <expat.h>
-
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -27,6 +19,13 @@
 #include <memory>
 #include <random>
 #include <vector>
+
+#include <expat.h>
+
+#include "platform/PLObjectFactory.h"
+#include "platform/PLPropertyListPrivate.h"
+#include "platform/PLPropertyListReaders.h"
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace {
 
@@ -167,7 +166,8 @@ bool readPlainDecimal(std::string_view text, double* out) noexcept {
             return false;
         }
     }
-    if (digits == 0 || mantissa > (std::uint64_t{1} << 53) || afterPoint >= static_cast<int>(std::size(kExactPowersOf10)))
+    if (digits == 0 || mantissa > (std::uint64_t{1} << 53) ||
+        afterPoint >= static_cast<int>(std::size(kExactPowersOf10)))
         return false;
     const double value = static_cast<double>(mantissa) / kExactPowersOf10[afterPoint];
     *out = negative ? -value : value;
@@ -347,10 +347,10 @@ private:
         if (reader->_inLeaf) return reader->appendText(s, static_cast<std::size_t>(len));
         if (!isAllSpace(s, static_cast<std::size_t>(len))) reader->strayText(s, static_cast<std::size_t>(len));
     }
-    static void XMLCALL onEntityDecl(void* self, const XML_Char* entityName, int, const XML_Char*, int,
-                                     const XML_Char*, const XML_Char*, const XML_Char*, const XML_Char*) {
-        static_cast<XMLReader*>(self)->fail("entity declarations are not allowed (<!ENTITY " +
-                                            std::string(entityName) + ">)");
+    static void XMLCALL onEntityDecl(void* self, const XML_Char* entityName, int, const XML_Char*, int, const XML_Char*,
+                                     const XML_Char*, const XML_Char*, const XML_Char*) {
+        static_cast<XMLReader*>(self)->fail("entity declarations are not allowed (<!ENTITY " + std::string(entityName) +
+                                            ">)");
     }
     static void XMLCALL onSkippedEntity(void* self, const XML_Char* entityName, int) {
         static_cast<XMLReader*>(self)->fail("undefined entity &" + std::string(entityName) + ";");
@@ -365,8 +365,9 @@ private:
             return unusualStart(kind, name);
         const Frame& parent = _frames.back();
         const std::size_t held = _values.size() - parent.base;
-        const bool fits = parent.kind == Element::Dict ? ((held % 2 == 0) == (kind == Element::Key))
-                                                       : (kind != Element::Key && (parent.kind == Element::Array || held == 0));
+        const bool fits = parent.kind == Element::Dict
+                              ? ((held % 2 == 0) == (kind == Element::Key))
+                              : (kind != Element::Key && (parent.kind == Element::Array || held == 0));
         if (!fits) return misplaced(kind);
         if (isContainer(kind)) return open(kind);
         _inLeaf = true;
@@ -390,8 +391,8 @@ private:
     [[gnu::noinline]] void open(Element kind) {
         if (_frames.size() >= plimpl::kMaxDepth)
             return fail("elements nested more than " + std::to_string(plimpl::kMaxDepth) + " deep");
-        _frames.push_back({kind, static_cast<std::uint32_t>(_values.size()),
-                           static_cast<std::uint32_t>(_keyHashes.size())});
+        _frames.push_back(
+            {kind, static_cast<std::uint32_t>(_values.size()), static_cast<std::uint32_t>(_keyHashes.size())});
     }
 
     [[gnu::cold, gnu::noinline]] void unusualStart(Element kind, const char* name) {
@@ -420,9 +421,7 @@ private:
         return q.substr(1, q.size() - 2);
     }
 
-    std::string_view keyAt(std::size_t slot) const {
-        return static_cast<const PLString*>(_values[slot].get())->utf8();
-    }
+    std::string_view keyAt(std::size_t slot) const { return static_cast<const PLString*>(_values[slot].get())->utf8(); }
 
     // The first piece of a leaf's text is borrowed when it lies in expat's
     // input (a line break, or the text of a reference, comes from elsewhere:
@@ -624,8 +623,8 @@ private:
             fractionOK = fraction.find_first_not_of("0123456789") == std::string_view::npos;
         }
         if (!shaped || !fractionOK) return invalidLeaf("invalid date ", " (expected YYYY-MM-DDTHH:MM:SSZ)");
-        if (month < 1 || month > 12 || day < 1 || day > plimpl::daysInMonth(year, month) || hour > 23 ||
-            minute > 59 || second > 59)
+        if (month < 1 || month > 12 || day < 1 || day > plimpl::daysInMonth(year, month) || hour > 23 || minute > 59 ||
+            second > 59)
             return invalidLeaf("invalid date ", " (a field is out of range)");
         const std::int64_t unix = plimpl::daysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second;
         const std::int64_t whole = unix - static_cast<std::int64_t>(kPLAbsoluteTimeIntervalSince1970);
@@ -691,8 +690,7 @@ private:
         const unsigned char* const whole = c + (symbols - rest);
         std::uint32_t seen = 0;
         for (; s != whole; s += 4, d += 3) {
-            const std::uint32_t v = kBase64[0][s[0]] | kBase64[1][s[1]] | kBase64[2][s[2]] |
-                                    kBase64[3][s[3]];
+            const std::uint32_t v = kBase64[0][s[0]] | kBase64[1][s[1]] | kBase64[2][s[2]] | kBase64[3][s[3]];
             seen |= v;
             d[0] = static_cast<std::uint8_t>(v >> 16);
             d[1] = static_cast<std::uint8_t>(v >> 8);

@@ -7,11 +7,6 @@
 // string views on a scratch stack shared by all levels, and the sort is
 // skipped when the keys already come in order (as they do in anything this
 // writer produced and a reader read back).
-#include <ferrocore/Utf8.h>
-#include <quillcore/platform/PLPropertyList.h>
-
-#include "platform/PLPropertyListPrivate.h"
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -19,6 +14,10 @@
 #include <cstdio>
 #include <cstring>
 #include <vector>
+
+#include "platform/PLPropertyListPrivate.h"
+#include <ferrocore/Utf8.h>
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace {
 
@@ -31,9 +30,9 @@ enum : std::uint8_t {
     kLess,
     kGreater,
     kReturn,
-    kControl,   // not allowed in XML 1.0
-    kLead,      // first byte of a multi-byte UTF-8 sequence
-    kBadByte,   // never valid in UTF-8
+    kControl,  // not allowed in XML 1.0
+    kLead,     // first byte of a multi-byte UTF-8 sequence
+    kBadByte,  // never valid in UTF-8
 };
 
 constexpr std::array<std::uint8_t, 256> makeByteClasses() {
@@ -57,8 +56,9 @@ constexpr char kHeader[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist v
 constexpr char kFooter[] = "</plist>\n";
 
 constexpr std::size_t kTabRun = 64;
-constexpr char kTabs[kTabRun + 1] = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t"
-                                    "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
+constexpr char kTabs[kTabRun + 1] =
+    "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t"
+    "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
 
 template <class Buffer>
 class XMLWriter {
@@ -371,8 +371,8 @@ private:
             const auto* s = PLDynamicCast<PLString>(key.get());
             if (!s) {
                 _sorted.resize(base);
-                return fail("dictionary", std::string("a key of type ") + PLTypeName(key->typeID()) +
-                                              " is not a string");
+                return fail("dictionary",
+                            std::string("a key of type ") + PLTypeName(key->typeID()) + " is not a string");
             }
             _sorted.emplace_back(s->utf8(), value.get());
         }

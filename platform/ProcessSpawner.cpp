@@ -1,6 +1,6 @@
-#include <quillcore/platform/ProcessSpawner.h>
-
 #include <atomic>
+
+#include <quillcore/platform/ProcessSpawner.h>
 
 namespace quill::platform {
 

@@ -1,12 +1,3 @@
-#include <quillcore/platform/RunLoop.h>
-
-#include <quillcore/platform/Host.h>
-
-#include "platform/linux/PosixError.h"
-
-#include <ferrocore/CMutex.h>
-#include <ferrocore/ThreadAnnotations.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -24,6 +15,12 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+
+#include "platform/linux/PosixError.h"
+#include <ferrocore/CMutex.h>
+#include <ferrocore/ThreadAnnotations.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/RunLoop.h>
 
 namespace quill::platform {
 
@@ -136,8 +133,8 @@ struct RunLoopState {
         wakeFromOtherThread();
     }
 
-    CRunLoop::Result run(Clock::time_point deadline, bool returnAfterSourceHandled,
-                         const std::function<bool()>* done, bool* lastAnswer);
+    CRunLoop::Result run(Clock::time_point deadline, bool returnAfterSourceHandled, const std::function<bool()>* done,
+                         bool* lastAnswer);
     bool pass(Clock::time_point deadline, const std::atomic<bool>& stopped);
     bool runTasks(const std::atomic<bool>& stopped);
     bool fireTimers(const std::atomic<bool>& stopped);
@@ -202,8 +199,8 @@ bool RunLoopState::pass(Clock::time_point deadline, const std::atomic<bool>& sto
     for (const auto& node : watched) fds.push_back({node->fd, toPoll(node->events.load()), 0});
 
     Clock::time_point now = Clock::now();
-    auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(wakeAt > now ? wakeAt - now
-                                                                                    : Clock::duration::zero());
+    auto wait =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(wakeAt > now ? wakeAt - now : Clock::duration::zero());
     timespec timeout{static_cast<time_t>(wait.count() / 1'000'000'000),
                      static_cast<long>(wait.count() % 1'000'000'000)};
     if (ppoll(fds.data(), fds.size(), &timeout, nullptr) < 0) {

@@ -4,12 +4,12 @@
 // its bytes or resizing it needs exclusive access.
 #pragma once
 
-#include <ferrocore/CSharedObject.h>
-#include <ferrocore/export.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include <ferrocore/CSharedObject.h>
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 

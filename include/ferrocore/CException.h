@@ -9,20 +9,20 @@
 // Threads: exceptions are plain values; copies may travel between threads.
 #pragma once
 
-#include <ferrocore/export.h>
-
 #include <exception>
 #include <string>
+
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 
 // Kinds of failure. Other values may be used by subsystems for their own
 // failures (a logger's stream error is kind kExceptionKindIO, for example).
-inline constexpr int kExceptionKindGeneral = 0;      // no finer kind given
-inline constexpr int kExceptionKindParam = 1;        // bad argument or failed external command
-inline constexpr int kExceptionKindNullPointer = 2;  // a required value is missing
-inline constexpr int kExceptionKindIO = 3;           // a file or stream could not be used
-inline constexpr int kExceptionKindSystemCall = 4;   // a system call failed
+inline constexpr int kExceptionKindGeneral = 0;        // no finer kind given
+inline constexpr int kExceptionKindParam = 1;          // bad argument or failed external command
+inline constexpr int kExceptionKindNullPointer = 2;    // a required value is missing
+inline constexpr int kExceptionKindIO = 3;             // a file or stream could not be used
+inline constexpr int kExceptionKindSystemCall = 4;     // a system call failed
 inline constexpr int kExceptionKindHostRuntime = 255;  // the host object runtime failed
 
 class FERROCORE_EXPORT CException : public std::exception {

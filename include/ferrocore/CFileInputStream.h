@@ -1,11 +1,11 @@
 // Reading files: a file input stream and a whole-file copy.
 #pragma once
 
-#include <ferrocore/export.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
+
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 

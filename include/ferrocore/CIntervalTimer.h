@@ -15,11 +15,11 @@
 // more if it destroyed it).
 #pragma once
 
-#include <ferrocore/export.h>
-
 #include <functional>
 #include <memory>
 #include <thread>
+
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 

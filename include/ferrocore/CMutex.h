@@ -12,13 +12,13 @@
 // here are meant to be shared between threads; that is their purpose.
 #pragma once
 
-#include <ferrocore/CSharedObject.h>
-#include <ferrocore/ThreadAnnotations.h>
-#include <ferrocore/export.h>
+#include <atomic>
 
 #include <pthread.h>
 
-#include <atomic>
+#include <ferrocore/CSharedObject.h>
+#include <ferrocore/ThreadAnnotations.h>
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 

@@ -21,13 +21,13 @@
 // allows across threads is for each class to say.
 #pragma once
 
-#include <ferrocore/export.h>
-
 #include <atomic>
 #include <concepts>
 #include <cstddef>
 #include <string>
 #include <utility>
+
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 
@@ -70,13 +70,11 @@ public:
     CSharedObjectRef(const CSharedObjectRef& other) noexcept : _object(other._object) { retainObject(); }
     CSharedObjectRef(CSharedObjectRef&& other) noexcept : _object(std::exchange(other._object, nullptr)) {}
     template <class U>
-        requires std::convertible_to<U*, T*>
-    CSharedObjectRef(const CSharedObjectRef<U>& other) noexcept : _object(other.get()) {
-        retainObject();
-    }
+    requires std::convertible_to<U*, T*> CSharedObjectRef(const CSharedObjectRef<U>& other)
+    noexcept : _object(other.get()) { retainObject(); }
     template <class U>
-        requires std::convertible_to<U*, T*>
-    CSharedObjectRef(CSharedObjectRef<U>&& other) noexcept : _object(other.get()) {
+    requires std::convertible_to<U*, T*> CSharedObjectRef(CSharedObjectRef<U>&& other)
+    noexcept : _object(other.get()) {
         retainObject();
         other.reset();
     }
@@ -124,9 +122,9 @@ CSharedObjectRef<T> makeShared(Args&&... args) {
 // Description of a held object for "%@" in formatString(): that of the object,
 // or "(null)" for an empty handle.
 template <class T>
-    requires requires(const T& object) {
-        { ferrocoreDescription(object) } -> std::convertible_to<std::string>;
-    }
+requires requires(const T& object) {
+    { ferrocoreDescription(object) } -> std::convertible_to<std::string>;
+}
 std::string ferrocoreDescription(const CSharedObjectRef<T>& ref) {
     return ref ? std::string(ferrocoreDescription(*ref)) : std::string("(null)");
 }

@@ -16,13 +16,13 @@
 // must not run while another thread reads the same string.
 #pragma once
 
-#include <ferrocore/CSharedObject.h>
-#include <ferrocore/Format.h>
-#include <ferrocore/export.h>
-
 #include <cstddef>
 #include <string>
 #include <string_view>
+
+#include <ferrocore/CSharedObject.h>
+#include <ferrocore/Format.h>
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 

@@ -15,12 +15,12 @@
 // query setters need exclusive access.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 #include <ferrocore/CSharedObject.h>
 #include <ferrocore/CString.h>
 #include <ferrocore/export.h>
-
-#include <string>
-#include <string_view>
 
 namespace ferrocore {
 

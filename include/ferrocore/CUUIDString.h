@@ -3,10 +3,10 @@
 // UUID. Made from the system's random source; safe from any thread.
 #pragma once
 
+#include <string>
+
 #include <ferrocore/CString.h>
 #include <ferrocore/export.h>
-
-#include <string>
 
 namespace ferrocore {
 

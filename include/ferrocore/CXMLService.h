@@ -20,14 +20,14 @@
 // threads at once is safe (each thread has its own parser).
 #pragma once
 
-#include <ferrocore/CSharedObject.h>
-#include <ferrocore/CString.h>
-#include <ferrocore/export.h>
-
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <ferrocore/CSharedObject.h>
+#include <ferrocore/CString.h>
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 

@@ -31,8 +31,6 @@
 // Threads: pure functions; safe from any thread.
 #pragma once
 
-#include <ferrocore/export.h>
-
 #include <array>
 #include <concepts>
 #include <cstddef>
@@ -40,6 +38,8 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 

@@ -10,14 +10,14 @@
 // All functions are safe to call from any thread.
 #pragma once
 
-#include <ferrocore/CString.h>
-#include <ferrocore/export.h>
-
-#include <sys/types.h>
-
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include <sys/types.h>
+
+#include <ferrocore/CString.h>
+#include <ferrocore/export.h>
 
 namespace ferrocore {
 

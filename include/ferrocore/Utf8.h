@@ -93,4 +93,3 @@ inline bool isXMLCharacter(char32_t cp) noexcept {
 }
 
 }  // namespace ferrocore::utf8
-

@@ -13,17 +13,6 @@
 // _mutex is held: readers collect under it, take _deliverMutex before letting
 // go of it (so that batches reach the centre in the order they were read),
 // and deliver after.
-#include "platform/LoopHandle.h"
-#include "platform/linux/PosixError.h"
-#include "platform/linux/SessionBus.h"
-
-#include <quillcore/platform/Host.h>
-#include <quillcore/platform/NotificationCenter.h>
-
-#include <ferrocore/CMutex.h>
-
-#include <systemd/sd-bus.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -32,12 +21,21 @@
 #include <ctime>
 #include <map>
 #include <new>
-#include <poll.h>
 #include <string>
-#include <sys/eventfd.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include "platform/LoopHandle.h"
+#include "platform/linux/PosixError.h"
+#include "platform/linux/SessionBus.h"
+#include <ferrocore/CMutex.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/NotificationCenter.h>
 
 namespace quill::platform {
 
@@ -127,8 +125,7 @@ private:
     // Queues a console line, written once the lock is released (by the
     // thread that queued it, or else the bus thread).
     void noteLocked(std::string text) FERRO_REQUIRES(_mutex) { _notes.push_back(std::move(text)); }
-    std::error_code sendLocked(const PLString& name, PLStringRef sender, const PLData* payload)
-        FERRO_REQUIRES(_mutex);
+    std::error_code sendLocked(const PLString& name, PLStringRef sender, const PLData* payload) FERRO_REQUIRES(_mutex);
     // Waits, at most kQueueFullWait, for the send queue to drop below its
     // bound; returns the queue's length then.
     std::uint64_t waitForRoomLocked() FERRO_REQUIRES(_mutex);
@@ -285,7 +282,7 @@ std::error_code CDBusNotificationTransport::connectLocked() {
         _lastConnectError = failure ? failure : std::make_error_code(std::errc::not_connected);
         const auto now = Clock::now();
         _retryAfter = now + (now - attemptStart > std::chrono::milliseconds(100) ? Clock::duration(kSlowReconnectPause)
-                                                                               : Clock::duration(kReconnectPause));
+                                                                                 : Clock::duration(kReconnectPause));
         if (!_outageReported) {
             _outageReported = true;
             noteLocked("can't reach a notification bus: " + problems);
@@ -458,8 +455,9 @@ std::error_code CDBusNotificationTransport::sendLocked(const PLString& name, PLS
             return std::make_error_code(std::errc::invalid_argument);
         }
     }
-    if (r >= 0) r = sd_bus_message_append_array(message, 'y', payload ? payload->bytes() : nullptr,
-                                                payload ? payload->size() : 0);
+    if (r >= 0)
+        r = sd_bus_message_append_array(message, 'y', payload ? payload->bytes() : nullptr,
+                                        payload ? payload->size() : 0);
     if (r >= 0) r = sd_bus_send(_bus, message, nullptr);
     sd_bus_message_unref(message);
     if (r < 0) {
@@ -520,9 +518,7 @@ bool CDBusNotificationTransport::flush(double timeoutSeconds) {
     return flushed;
 }
 
-void CDBusNotificationTransport::addFilter(PLStringRef name, PLStringRef sender) {
-    changeFilter(name, sender, true);
-}
+void CDBusNotificationTransport::addFilter(PLStringRef name, PLStringRef sender) { changeFilter(name, sender, true); }
 
 void CDBusNotificationTransport::removeFilter(PLStringRef name, PLStringRef sender) {
     changeFilter(name, sender, false);
@@ -568,8 +564,7 @@ void CDBusNotificationTransport::removeFilterLocked(const std::string& rule) {
 }
 
 // Runs inside sd_bus_process(), that is on the bus thread with _mutex held.
-int CDBusNotificationTransport::onMessage(sd_bus_message* message, void* self,
-                                          sd_bus_error*) {
+int CDBusNotificationTransport::onMessage(sd_bus_message* message, void* self, sd_bus_error*) {
     if (!sd_bus_message_is_signal(message, kNotificationBusInterface, kNotificationBusMember)) return 0;
     auto* transport = static_cast<CDBusNotificationTransport*>(self);
     try {
@@ -613,8 +608,7 @@ int CDBusNotificationTransport::onMatch(sd_bus_message*, void*, sd_bus_error*) {
     return 0;  // onMessage has taken the signal already
 }
 
-int CDBusNotificationTransport::onMatchInstalled(sd_bus_message* message, void* self,
-                                                 sd_bus_error*) {
+int CDBusNotificationTransport::onMatchInstalled(sd_bus_message* message, void* self, sd_bus_error*) {
     const sd_bus_error* error = sd_bus_message_get_error(message);
     if (!error) return 0;
     auto* transport = static_cast<CDBusNotificationTransport*>(self);
@@ -676,8 +670,8 @@ void CDBusNotificationTransport::run() noexcept {
             if (sd_bus_get_timeout(_bus, &until) > 0 && until != UINT64_MAX) {
                 timespec now;
                 clock_gettime(CLOCK_MONOTONIC, &now);
-                std::uint64_t nowUs = static_cast<std::uint64_t>(now.tv_sec) * 1000000u +
-                                      static_cast<std::uint64_t>(now.tv_nsec) / 1000u;
+                std::uint64_t nowUs =
+                    static_cast<std::uint64_t>(now.tv_sec) * 1000000u + static_cast<std::uint64_t>(now.tv_nsec) / 1000u;
                 timeoutMs = until <= nowUs ? 0 : static_cast<int>((until - nowUs + 999) / 1000);
             }
         } else if (!_bus && hasFiltersLocked()) {

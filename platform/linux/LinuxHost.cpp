@@ -13,11 +13,6 @@
 //
 // Computer name: PRETTY_HOSTNAME of /etc/machine-info when set, else the node
 // name.
-#include <quillcore/platform/Host.h>
-
-#include "platform/linux/PosixError.h"
-#include "platform/linux/LinuxSystemFacts.h"
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -34,9 +29,9 @@
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
-#include <pthread.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -45,6 +40,10 @@
 #include <sys/vfs.h>
 #include <syslog.h>
 #include <unistd.h>
+
+#include "platform/linux/LinuxSystemFacts.h"
+#include "platform/linux/PosixError.h"
+#include <quillcore/platform/Host.h>
 
 namespace quill::platform {
 
@@ -198,8 +197,7 @@ public:
             if (!seen) found.emplace_back(classify(addr, entry->ifa_flags), std::move(address));
         }
         freeifaddrs(list);
-        std::stable_sort(found.begin(), found.end(),
-                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
         std::vector<std::string> addresses;
         addresses.reserve(found.size());
         for (auto& entry : found) addresses.push_back(std::move(entry.second));
@@ -349,8 +347,7 @@ public:
         return {};
     }
 
-    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
-                                         int& fd) override {
+    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode, int& fd) override {
         const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (truncate ? O_TRUNC : 0);
         int opened;
         do {
@@ -427,9 +424,8 @@ private:
     void appendConsoleLine(const std::string& file, std::string_view text) {
         CCalendarDate now = calendarDate(currentTime());
         char prefix[128];
-        std::snprintf(prefix, sizeof prefix, "%04d-%02d-%02d %02d:%02d:%06.3f %s[%d]: ", now.year, now.month,
-                      now.day, now.hour, now.minute, now.second, program_invocation_short_name,
-                      static_cast<int>(getpid()));
+        std::snprintf(prefix, sizeof prefix, "%04d-%02d-%02d %02d:%02d:%06.3f %s[%d]: ", now.year, now.month, now.day,
+                      now.hour, now.minute, now.second, program_invocation_short_name, static_cast<int>(getpid()));
         std::string line(prefix);
         line.reserve(line.size() + text.size() + 8);
         for (char c : text) {

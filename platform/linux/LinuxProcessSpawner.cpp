@@ -14,10 +14,6 @@
 // The identity changes of namespace `child` call the kernel directly: the C
 // library's wrappers would try to apply the change to every thread they know
 // of, and in a vfork child those are the parent's threads.
-#include <quillcore/platform/ProcessSpawner.h>
-
-#include "platform/linux/PosixError.h"
-
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -35,6 +31,9 @@
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include "platform/linux/PosixError.h"
+#include <quillcore/platform/ProcessSpawner.h>
 
 namespace quill::platform {
 

@@ -3,11 +3,11 @@
 // parsing stands on its own.
 #pragma once
 
-#include <quillcore/platform/Host.h>
-
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <quillcore/platform/Host.h>
 
 namespace quill::platform::linuxhost {
 

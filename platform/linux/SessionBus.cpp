@@ -1,16 +1,12 @@
 #include "platform/linux/SessionBus.h"
 
-#include "platform/linux/PosixError.h"
-
-#include <quillcore/platform/Host.h>
-#include <quillcore/platform/NotificationCenter.h>
-
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
@@ -19,6 +15,10 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "platform/linux/PosixError.h"
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/NotificationCenter.h>
 
 extern char** environ;
 
@@ -154,8 +154,7 @@ std::error_code startDaemon(const std::string& socketPath, pid_t& daemonPid, std
     // fails); the daemon itself is not our child.
     int status = 0;
     if (!ready) ::kill(child, SIGKILL);
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {}
     if (!ready) {
         if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
             problem = "can't run " + program;
@@ -312,8 +311,8 @@ std::error_code ensurePrivateBus(std::string& address, bool& started, std::strin
     if (std::error_code ec = startDaemon(socketPath, daemonPid, problem)) return ec;
     writePidFile(directory + "/" + kPrivateBusPidName, daemonPid);
     started = true;
-    host().logToConsole("QuillNotification: no session bus answered; started a private notification bus at " +
-                        address + " (pid " + std::to_string(daemonPid) + ")");
+    host().logToConsole("QuillNotification: no session bus answered; started a private notification bus at " + address +
+                        " (pid " + std::to_string(daemonPid) + ")");
     return {};
 }
 

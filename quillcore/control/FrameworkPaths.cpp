@@ -1,16 +1,14 @@
-#include <quillcore/control/FrameworkPaths.h>
-
-#include <quillcore/platform/Bundle.h>
-#include <quillcore/platform/Host.h>
-
-#include <ferrocore/CURL.h>
-
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
+
+#include <ferrocore/CURL.h>
+#include <quillcore/control/FrameworkPaths.h>
+#include <quillcore/platform/Bundle.h>
+#include <quillcore/platform/Host.h>
 
 namespace quill {
 
@@ -35,9 +33,7 @@ ferrocore::CURLRef corvaneFrameworkLocation() {
     return url;
 }
 
-const PLURL* newURL(const ferrocore::CURLRef& url) {
-    return url ? PLURL::create(url->text()).detach() : nullptr;
-}
+const PLURL* newURL(const ferrocore::CURLRef& url) { return url ? PLURL::create(url->text()).detach() : nullptr; }
 
 // Where the framework component `name` ends in `path` (the last whole
 // component of that name); npos when there is none.
@@ -98,8 +94,8 @@ const PLURL* getLumenforgeFrameworkURL() noexcept {
     try {
         const ferrocore::CURLRef corvane = quill::corvaneFrameworkLocation();
         if (!corvane) return nullptr;
-        return quill::newURL(
-            corvane->copyByDeletingLastPathComponent()->copyByAppendingPathComponent(quill::kLumenforgeFrameworkName, true));
+        return quill::newURL(corvane->copyByDeletingLastPathComponent()->copyByAppendingPathComponent(
+            quill::kLumenforgeFrameworkName, true));
     } catch (...) {
         return nullptr;
     }

@@ -24,12 +24,15 @@ PL_CONSTANT_STRING_STORAGE(sQuillClusterSubexpSubPath, "subexp");
 PL_CONSTANT_STRING_STORAGE(sQuillSpooledJobsSubPath, "jobs");
 PL_CONSTANT_STRING_STORAGE(sQuillJobResultsSubPath, "shared/results");
 PL_CONSTANT_STRING_STORAGE(sQuillLocalClusterStoragePath, "/tmp/corvane");
-PL_CONSTANT_STRING_STORAGE(sQuillClusterJobCacheFilePath,
-                           "~/Library/Application Support/Lumenforge/jobcontroller:com.tessaly.corvane.cluster.jobcache.db");
-PL_CONSTANT_STRING_STORAGE(sQuillClusterJobCacheUserFilePath,
-                           "~/Library/Application Support/Lumenforge/jobcontroller:com.tessaly.lumenforge.cluster.jobcache.db");
-PL_CONSTANT_STRING_STORAGE(sQuillCaptraConverterJobCacheFilePath,
-                           "~/Library/Application Support/Lumenforge/com.tessaly.lumenforge.LXCaptionSubtitleProcessor.jobcache.db");
+PL_CONSTANT_STRING_STORAGE(
+    sQuillClusterJobCacheFilePath,
+    "~/Library/Application Support/Lumenforge/jobcontroller:com.tessaly.corvane.cluster.jobcache.db");
+PL_CONSTANT_STRING_STORAGE(
+    sQuillClusterJobCacheUserFilePath,
+    "~/Library/Application Support/Lumenforge/jobcontroller:com.tessaly.lumenforge.cluster.jobcache.db");
+PL_CONSTANT_STRING_STORAGE(
+    sQuillCaptraConverterJobCacheFilePath,
+    "~/Library/Application Support/Lumenforge/com.tessaly.lumenforge.LXCaptionSubtitleProcessor.jobcache.db");
 PL_CONSTANT_STRING_STORAGE(sEmptyString, "");
 
 PL_CONSTANT_STRING_STORAGE(sClusterServiceKind, kClusterAdminKindText);

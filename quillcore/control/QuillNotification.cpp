@@ -1,5 +1,4 @@
 #include <quillcore/control/QuillNotification.h>
-
 #include <quillcore/platform/Host.h>
 #include <quillcore/util/CTimeStamp.h>
 
@@ -127,9 +126,7 @@ void observe(const void* observer, PLNotificationCallback callback, PLStringRef 
 
 }  // namespace
 
-void sendNotification(PLStringRef name, PLStringRef sender, PLDictionaryRef userInfo) {
-    post(name, sender, userInfo);
-}
+void sendNotification(PLStringRef name, PLStringRef sender, PLDictionaryRef userInfo) { post(name, sender, userInfo); }
 
 void signalFrom(PLStringRef name, PLStringRef sender, PLDictionaryRef userInfo) { post(name, sender, userInfo); }
 

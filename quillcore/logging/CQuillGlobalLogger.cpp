@@ -1,8 +1,7 @@
-#include <quillcore/logging/CQuillGlobalLogger.h>
+#include <pthread.h>
 
 #include <ferrocore/CMutex.h>
-
-#include <pthread.h>
+#include <quillcore/logging/CQuillGlobalLogger.h>
 
 namespace quill {
 

@@ -1,18 +1,16 @@
-#include <quillcore/logging/CQuillLogger.h>
+#include <iostream>
+#include <system_error>
 
+#include "LogFile.h"
+#include "LogRecord.h"
 #include <ferrocore/CException.h>
 #include <ferrocore/Format.h>
 #include <quillcore/control/QuillCorePrivate.h>
 #include <quillcore/control/QuillNotification.h>
+#include <quillcore/logging/CQuillLogger.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/plist/CServiceCacheFile.h>
 #include <quillcore/util/CFileUtil.h>
-
-#include "LogFile.h"
-#include "LogRecord.h"
-
-#include <iostream>
-#include <system_error>
 
 namespace quill {
 
@@ -25,8 +23,7 @@ constexpr std::string_view kStandardErrorPath = "/dev/stderr";
 
 }  // namespace
 
-CQuillLogger::CQuillLogger()
-    : _activeStream(OBufferStream::create()), _nullStream(ONullStream::create()) {}
+CQuillLogger::CQuillLogger() : _activeStream(OBufferStream::create()), _nullStream(ONullStream::create()) {}
 
 CQuillLogger::~CQuillLogger() {
     bool observed;
@@ -114,8 +111,7 @@ void CQuillLogger::startupLogging(bool toFile, CStringRef serviceName, unsigned 
              slash = directoryPath.find('/', slash + 1))
             host.createDirectory(directoryPath.substr(0, slash), 0755);
         const std::uint32_t oldMask = host.setFileCreationMask(0);
-        if (host.createDirectory(directoryPath, 0700) == std::errc::file_exists)
-            host.setFileMode(directoryPath, 0700);
+        if (host.createDirectory(directoryPath, 0700) == std::errc::file_exists) host.setFileMode(directoryPath, 0700);
         host.setFileCreationMask(oldMask);
         std::string path = directoryPath + "/" + (serviceName ? serviceName->utf8() : std::string());
         if (index != 0) path += ferrocore::formatString("-%ld", static_cast<long>(index));
@@ -209,9 +205,8 @@ unsigned CQuillLogger::logLevel() const { return _logLevel.load(std::memory_orde
 void CQuillLogger::setPrefsChangedHandler(bool observe) {
     CAutoMutex lock(_mutex);
     if (observe) {
-        ::addObserver(this, &CQuillLogger::quillPrefsChanged,
-                                       QuillNotification::kQuillPrefsChangedNotification,
-                                       QuillNotification::kPrefExternalID);
+        ::addObserver(this, &CQuillLogger::quillPrefsChanged, QuillNotification::kQuillPrefsChangedNotification,
+                      QuillNotification::kPrefExternalID);
         _observingPrefs = true;
     } else if (_observingPrefs) {
         platform::notificationCenter().removeObserver(this, QuillNotification::kQuillPrefsChangedNotification,

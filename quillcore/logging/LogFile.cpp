@@ -5,7 +5,7 @@
 namespace quill {
 
 std::unique_ptr<CQuillLogger::LogFile> CQuillLogger::LogFile::open(const std::string& path, bool truncate,
-                                                                 std::error_code& error) {
+                                                                   std::error_code& error) {
     int fd = -1;
     error = platform::host().openFileForAppending(path, truncate, 0666, fd);
     if (error) return nullptr;

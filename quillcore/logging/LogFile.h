@@ -2,13 +2,13 @@
 // appending through the host.
 #pragma once
 
-#include <quillcore/logging/CQuillLogger.h>
-
 #include <memory>
 #include <ostream>
 #include <streambuf>
 #include <string>
 #include <system_error>
+
+#include <quillcore/logging/CQuillLogger.h>
 
 namespace quill {
 

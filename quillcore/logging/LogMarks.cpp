@@ -1,13 +1,12 @@
+#include <cstdlib>
+#include <fstream>
+
+#include "LogRecord.h"
 #include <ferrocore/CException.h>
 #include <ferrocore/Format.h>
 #include <quillcore/logging/CQuillLogger.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/util/CTimeStamp.h>
-
-#include "LogRecord.h"
-
-#include <cstdlib>
-#include <fstream>
 
 namespace quill {
 
@@ -110,8 +109,8 @@ CStringRef CQuillLogger::logDataAsString(const CStringRef& path) {
 
 CStringRef CQuillLogger::logErrorDataAsString(int kind) {
     static constexpr std::string_view kMessages[] = {
-        "Service is down.",       "Logger not available.",      "Get log query not supported.",
-        "Not logging to file.",   "Log data not XML parsable.",
+        "Service is down.",     "Logger not available.",      "Get log query not supported.",
+        "Not logging to file.", "Log data not XML parsable.",
     };
     const std::string_view message =
         kind >= 0 && static_cast<std::size_t>(kind) < std::size(kMessages) ? kMessages[kind] : "Log error.";

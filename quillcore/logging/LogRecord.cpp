@@ -1,16 +1,16 @@
 #include "LogRecord.h"
 
-#include <ferrocore/CXMLService.h>
-#include <ferrocore/Utf8.h>
-#include <ferrocore/Format.h>
-#include <quillcore/platform/Host.h>
-#include <quillcore/util/CTimeStamp.h>
-
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include <ferrocore/CXMLService.h>
+#include <ferrocore/Format.h>
+#include <ferrocore/Utf8.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/util/CTimeStamp.h>
 
 namespace quill::logrecord {
 
@@ -180,7 +180,8 @@ namespace {
 // Whether `message` parses as the value of "msg" in an element with the
 // attributes of a real record head, so that it can add no duplicate of them.
 bool parsesInRecord(std::string_view message, unsigned level) {
-    std::string element = level == 3 ? "<log tms=\"\" tmt=\"\" pid=\"\" msg=\"" : "<log tms=\"\" tmt=\"\" pid=\"\" lvl=\"\" msg=\"";
+    std::string element =
+        level == 3 ? "<log tms=\"\" tmt=\"\" pid=\"\" msg=\"" : "<log tms=\"\" tmt=\"\" pid=\"\" lvl=\"\" msg=\"";
     element += message;
     element += "\"/>";
     return ferrocore::CXMLService::isWellFormed(element);

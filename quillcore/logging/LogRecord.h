@@ -4,13 +4,12 @@
 // fast paths here against the slow, obvious ones.
 #pragma once
 
-#include <quillcore/export.h>
-
-#include "quillcore/util/DecimalText.h"
-
 #include <cstdint>
 #include <string>
 #include <string_view>
+
+#include "quillcore/util/DecimalText.h"
+#include <quillcore/export.h>
 
 namespace quill::logrecord {
 

@@ -1,12 +1,11 @@
+#include <iostream>
+#include <streambuf>
+
+#include "LogRecord.h"
 #include <ferrocore/CException.h>
 #include <ferrocore/Format.h>
 #include <quillcore/logging/CQuillLogger.h>
 #include <quillcore/util/CTimeStamp.h>
-
-#include "LogRecord.h"
-
-#include <iostream>
-#include <streambuf>
 
 namespace quill {
 
@@ -14,12 +13,10 @@ using ferrocore::CAutoMutex;
 
 // ------------------------------------------------------------------ OStream
 
-CQuillLogger::OStream::OStream(StreamKind kind)
-    : _kind(kind), _target(&std::cerr) {}
+CQuillLogger::OStream::OStream(StreamKind kind) : _kind(kind), _target(&std::cerr) {}
 
 CQuillLogger::OStream::OStream(StreamKind kind, std::ostream& target, ferrocore::CStringRef path)
-    : _kind(kind), _target(&target),
-      _path(std::move(path)) {}
+    : _kind(kind), _target(&target), _path(std::move(path)) {}
 
 CQuillLogger::OStream::~OStream() = default;
 

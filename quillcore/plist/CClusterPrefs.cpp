@@ -1,5 +1,4 @@
 #include <quillcore/plist/CClusterPrefs.h>
-
 #include <quillcore/util/PLUtil.h>
 
 namespace quill {

@@ -1,15 +1,13 @@
-#include <quillcore/plist/CHostPerfScoreFile.h>
-
-#include <quillcore/control/QuillCorePrivate.h>
-#include <quillcore/platform/Host.h>
-#include <quillcore/util/CFileUtil.h>
-#include <quillcore/util/PLUtil.h>
-
-#include <ferrocore/Format.h>
-
 #include <array>
 #include <string>
 #include <string_view>
+
+#include <ferrocore/Format.h>
+#include <quillcore/control/QuillCorePrivate.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/plist/CHostPerfScoreFile.h>
+#include <quillcore/util/CFileUtil.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace quill {
 
@@ -108,18 +106,16 @@ PLHolder<const PLString> CCPUTypePerfScoreEntry::cpuType() const {
     }
     if (!isX86(facts.architecture)) return PLString::create(kTypeDefault);
     switch (familyOf(facts)) {
-        case CPUFamily::Core:
-            return PLString::create(kTypeIntelCore);
+        case CPUFamily::Core: return PLString::create(kTypeIntelCore);
         case CPUFamily::Core2: {
             const std::string_view brand =
                 std::string_view(facts.brand).substr(0, kBrandStringCapacity - 1);  // room for the NUL
             if (brand.size() < kMinimumBrandLength) return PLString::create(kTypeIntelCore2);
             return PLString::create(brand.find("Xeon") != std::string_view::npos ? kTypeIntelCoreXeon
-                                                                                : kTypeIntelCore2);
+                                                                                 : kTypeIntelCore2);
         }
         case CPUFamily::Unknown:
-        case CPUFamily::Other:
-            break;
+        case CPUFamily::Other: break;
     }
     return PLString::create(kTypeIntelX86);
 }

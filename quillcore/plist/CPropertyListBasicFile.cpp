@@ -1,12 +1,3 @@
-#include <quillcore/plist/CPropertyListBasicFile.h>
-
-#include <quillcore/platform/Host.h>
-#include <quillcore/platform/PLPropertyList.h>
-#include <quillcore/util/PLUtil.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/Format.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <limits>
@@ -15,6 +6,13 @@
 #include <system_error>
 #include <utility>
 #include <vector>
+
+#include <ferrocore/CException.h>
+#include <ferrocore/Format.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/plist/CPropertyListBasicFile.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace quill {
 
@@ -54,9 +52,8 @@ CException lockError(bool readWrite, PLStringRef path, std::error_code error) {
 }
 
 CException runtimeError(const char* operation, PLStringRef path, std::string what) {
-    return CException(kExceptionKindHostRuntime,
-                      formatString("CPropertyListBasicFile::%s[%d](%s): %@", operation, currentProcessID(),
-                                   pathText(path), what));
+    return CException(kExceptionKindHostRuntime, formatString("CPropertyListBasicFile::%s[%d](%s): %@", operation,
+                                                              currentProcessID(), pathText(path), what));
 }
 
 // Whether `value` is already what reading its XML back gives: immutable
@@ -88,8 +85,7 @@ bool inParsedForm(const PLObject* value) noexcept {
             }
             return true;
         }
-        default:
-            return true;
+        default: return true;
     }
 }
 
@@ -98,8 +94,7 @@ bool inParsedForm(const PLObject* value) noexcept {
 PLHolder<const PLObject> parsedForm(const PLObject* value) {
     if (inParsedForm(value)) return PLHolder<const PLObject>::retain(value);
     switch (value->typeID()) {
-        case PLTypeID::String:
-            return PLString::create(static_cast<const PLString*>(value)->utf8());
+        case PLTypeID::String: return PLString::create(static_cast<const PLString*>(value)->utf8());
         case PLTypeID::Data: {
             const auto* data = static_cast<const PLData*>(value);
             return PLData::create(data->bytes(), data->size());
@@ -124,8 +119,7 @@ PLHolder<const PLObject> parsedForm(const PLObject* value) {
             });
             return PLDictionary::createFromEntries(std::move(entries));
         }
-        default:
-            return PLHolder<const PLObject>::retain(value);
+        default: return PLHolder<const PLObject>::retain(value);
     }
 }
 
@@ -160,8 +154,7 @@ CPropertyListBasicFile::COpenFile::COpenFile(PLStringRef path, std::int32_t mode
     open();
 }
 
-CPropertyListBasicFile::COpenFile::COpenFile(int fd) noexcept
-    : _mode(kOpenModeAdopted), _fd(fd), _lastError(0) {}
+CPropertyListBasicFile::COpenFile::COpenFile(int fd) noexcept : _mode(kOpenModeAdopted), _fd(fd), _lastError(0) {}
 
 CPropertyListBasicFile::COpenFile::~COpenFile() { close(); }
 
@@ -273,7 +266,8 @@ PLHolder<const PLDictionary> CPropertyListBasicFile::parse(std::string&& bytes) 
         reason = formatString("the top level is of type %s, not a dictionary", PLTypeName(plist->typeID()));
         plist.reset();
     }
-    if (!plist) throw runtimeError("refresh", _path.get(), "PLPropertyListCreateFromXMLData() failed, error = " + reason);
+    if (!plist)
+        throw runtimeError("refresh", _path.get(), "PLPropertyListCreateFromXMLData() failed, error = " + reason);
     _keptDictionary = PLHolder<const PLDictionary>::adopt(static_cast<const PLDictionary*>(plist.detach()));
     _keptBytes = std::move(bytes);
     return _keptDictionary;
@@ -281,9 +275,9 @@ PLHolder<const PLDictionary> CPropertyListBasicFile::parse(std::string&& bytes) 
 
 void CPropertyListBasicFile::fromPropertyList(PLDictionaryRef plist) {
     if (!plist) {
-        throw CException(kExceptionKindSystemCall,
-                         formatString("CPropertyListBasicFile::fromPropertyList[%d](): propertyList is NULL",
-                                      currentProcessID()));
+        throw CException(
+            kExceptionKindSystemCall,
+            formatString("CPropertyListBasicFile::fromPropertyList[%d](): propertyList is NULL", currentProcessID()));
     }
     PLHolder<PLMutableDictionary> copy = PLDictionaryCreateMutableCopy(plist);
     PLStringRef version = nullptr;
@@ -327,8 +321,8 @@ void CPropertyListBasicFile::writePropertyList(PLDictionaryRef plist) const {
         error = host.truncateFile(file->descriptor(), written);
         if (error) throw systemCallError("writePropertyList", _path.get(), "can't truncate file", error);
 
-        _keptDictionary = PLHolder<const PLDictionary>::adopt(
-            static_cast<const PLDictionary*>(parsedForm(plist).detach()));
+        _keptDictionary =
+            PLHolder<const PLDictionary>::adopt(static_cast<const PLDictionary*>(parsedForm(plist).detach()));
         _keptBytes = std::move(xml);
     } catch (const CException& error) {
         // Logged here as well, so that a failure leaves a trace even when the

@@ -1,12 +1,10 @@
-#include <quillcore/plist/CQuillConfigFile.h>
+#include <string>
 
 #include "RecordPaths.h"
-
 #include <quillcore/control/QuillCorePrivate.h>
 #include <quillcore/platform/Host.h>
+#include <quillcore/plist/CQuillConfigFile.h>
 #include <quillcore/util/PLUtil.h>
-
-#include <string>
 
 namespace quill {
 

@@ -1,10 +1,8 @@
-#include <quillcore/plist/CServiceCacheFile.h>
-
 #include "RecordPaths.h"
-
 #include <quillcore/control/FrameworkPaths.h>
 #include <quillcore/control/QuillCorePrivate.h>
 #include <quillcore/platform/Host.h>
+#include <quillcore/plist/CServiceCacheFile.h>
 #include <quillcore/util/PLUtil.h>
 
 namespace quill {
@@ -223,8 +221,7 @@ bool CServiceCacheEntry::updateRuntimeServicePath() {
         _path = std::move(path);
         changed = true;
     }
-    if (PLHolder<const PLString> bundlePath =
-            changedRuntimePath(_bundlePath.get(), corvane.get(), lumenforge.get())) {
+    if (PLHolder<const PLString> bundlePath = changedRuntimePath(_bundlePath.get(), corvane.get(), lumenforge.get())) {
         _bundlePath = std::move(bundlePath);
         changed = true;
     }

@@ -1,12 +1,9 @@
-#include <quillcore/plist/CServiceConfigFile.h>
-
 #include "RecordPaths.h"
-
-#include <quillcore/control/QuillCorePrivate.h>
-#include <quillcore/util/PLUtil.h>
-
 #include <ferrocore/CException.h>
 #include <ferrocore/Format.h>
+#include <quillcore/control/QuillCorePrivate.h>
+#include <quillcore/plist/CServiceConfigFile.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace quill {
 

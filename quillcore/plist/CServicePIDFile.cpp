@@ -1,17 +1,14 @@
-#include <quillcore/plist/CServicePIDFile.h>
-
-#include "RecordPaths.h"
-
-#include <quillcore/control/QuillCorePrivate.h>
-#include <quillcore/platform/ProcessSpawner.h>
-#include <quillcore/util/PLUtil.h>
-
-#include <ferrocore/CException.h>
-
 #include <charconv>
 #include <cmath>
 #include <limits>
 #include <string>
+
+#include "RecordPaths.h"
+#include <ferrocore/CException.h>
+#include <quillcore/control/QuillCorePrivate.h>
+#include <quillcore/platform/ProcessSpawner.h>
+#include <quillcore/plist/CServicePIDFile.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace quill {
 
@@ -45,8 +42,8 @@ bool canSignal(PLTypeRef key) {
 }  // namespace
 
 CServicePIDFile::CServicePIDFile(PLStringRef serviceKey)
-    : CServicePIDFile(serviceKey, records::expandedPath(checkedPath(serviceKey, QuillCorePrivate::kQuillPIDFilePath))
-                                      .get()) {}
+    : CServicePIDFile(serviceKey,
+                      records::expandedPath(checkedPath(serviceKey, QuillCorePrivate::kQuillPIDFilePath)).get()) {}
 
 CServicePIDFile::CServicePIDFile(PLStringRef serviceKey, PLStringRef path)
     : CPropertyListBasicFile(checkedPath(serviceKey, path)), _serviceKey(PLHolder<const PLString>::retain(serviceKey)) {
@@ -154,8 +151,7 @@ void CServicePIDFile::setProcessAttributes(std::int32_t pid, PLDictionaryRef dic
     setAttributes(attributes.get());
 }
 
-void CServicePIDFile::setProcessAttributes(std::int32_t pid, PLStringRef kind, PLStringRef name,
-                                           PLStringRef version) {
+void CServicePIDFile::setProcessAttributes(std::int32_t pid, PLStringRef kind, PLStringRef name, PLStringRef version) {
     const CFileLockMonitorRef monitor = lockAndRefresh();
 
     if (const PLHolder<const PLDictionary> attributes = getAttributes()) {

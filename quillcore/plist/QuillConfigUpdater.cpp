@@ -1,21 +1,19 @@
-#include <quillcore/plist/QuillConfigUpdater.h>
+#include <array>
+#include <ostream>
+#include <system_error>
 
+#include <ferrocore/CException.h>
+#include <ferrocore/CFileInputStream.h>
+#include <ferrocore/Format.h>
 #include <quillcore/control/FrameworkPaths.h>
 #include <quillcore/control/QuillCorePrivate.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/plist/CPropertyListBasicFile.h>
 #include <quillcore/plist/CQuillConfigFile.h>
 #include <quillcore/plist/CServiceCacheFile.h>
+#include <quillcore/plist/QuillConfigUpdater.h>
 #include <quillcore/util/CFileUtil.h>
 #include <quillcore/util/CTimeStamp.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/CFileInputStream.h>
-#include <ferrocore/Format.h>
-
-#include <array>
-#include <ostream>
-#include <system_error>
 
 namespace quill {
 
@@ -218,14 +216,16 @@ void QuillConfigUpdater::applyPermissions(const char* operation, const std::stri
     platform::IHost& host = platform::host();
     std::uint32_t current = 0;
     if (const std::error_code error = host.fileMode(path, current))
-        throw ferrocore::CFileException(ferrocore::formatString("QuillConfigUpdater::%s: stat() on file %s failed, error = %s",
-                                                                operation, path, ferrocore::errorText(error.value())),
-                                        error.value());
+        throw ferrocore::CFileException(
+            ferrocore::formatString("QuillConfigUpdater::%s: stat() on file %s failed, error = %s", operation, path,
+                                    ferrocore::errorText(error.value())),
+            error.value());
     if (current == mode) return;
     if (const std::error_code error = host.setFileMode(path, mode))
-        throw ferrocore::CFileException(ferrocore::formatString("QuillConfigUpdater::%s: chmod() on file %s failed, error = %s",
-                                                                operation, path, ferrocore::errorText(error.value())),
-                                        error.value());
+        throw ferrocore::CFileException(
+            ferrocore::formatString("QuillConfigUpdater::%s: chmod() on file %s failed, error = %s", operation, path,
+                                    ferrocore::errorText(error.value())),
+            error.value());
 }
 
 bool QuillConfigUpdater::isEqual(PLTypeRef a, PLTypeRef b) noexcept {

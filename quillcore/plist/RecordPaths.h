@@ -10,8 +10,6 @@ namespace quill::records {
 // home directory; null when there is no home directory (the base class then
 // refuses the null path).
 inline PLHolder<const PLString> expandedPath(PLStringRef path) { return CFileUtil::expandTildeInPath(path); }
-inline PLHolder<const PLString> expandedPath(const char* path) {
-    return expandedPath(PLString::create(path).get());
-}
+inline PLHolder<const PLString> expandedPath(const char* path) { return expandedPath(PLString::create(path).get()); }
 
 }  // namespace quill::records

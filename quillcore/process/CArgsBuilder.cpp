@@ -1,10 +1,9 @@
-#include <quillcore/process/CArgsBuilder.h>
-
-#include <ferrocore/CException.h>
-
 #include <cstring>
 #include <string>
 #include <string_view>
+
+#include <ferrocore/CException.h>
+#include <quillcore/process/CArgsBuilder.h>
 
 namespace quill {
 
@@ -20,8 +19,7 @@ char* copyText(const char* text) {
 }  // namespace
 
 CArgsBuilder::CArgsBuilder(int capacity)
-    : _capacity(capacity > 0 ? static_cast<std::uint32_t>(capacity) : 0u),
-      _vector(new char*[_capacity + 1]) {
+    : _capacity(capacity > 0 ? static_cast<std::uint32_t>(capacity) : 0u), _vector(new char*[_capacity + 1]) {
     _vector[0] = nullptr;
 }
 

@@ -1,12 +1,3 @@
-#include <quillcore/process/CTask.h>
-
-#include <quillcore/platform/ProcessSpawner.h>
-#include <quillcore/util/PLUtil.h>
-
-#include "quillcore/process/MonitorThreadPool.h"
-
-#include <ferrocore/Format.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +7,12 @@
 #include <string>
 #include <thread>
 #include <typeinfo>
+
+#include "quillcore/process/MonitorThreadPool.h"
+#include <ferrocore/Format.h>
+#include <quillcore/platform/ProcessSpawner.h>
+#include <quillcore/process/CTask.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace quill {
 
@@ -102,9 +99,7 @@ void CTask::setEnv(const char* const* env) {
 
 void CTask::setShell(const char* shell) { _shell = copyText(shell); }
 
-bool CTask::isRunning() const noexcept {
-    return _finished.load(std::memory_order_acquire) == 0 && processID() > 0;
-}
+bool CTask::isRunning() const noexcept { return _finished.load(std::memory_order_acquire) == 0 && processID() > 0; }
 
 int CTask::launch() {
     // A waiter may launch again as soon as it wakes, before the monitor
@@ -202,12 +197,8 @@ void CTask::waitingForTask() {
     if (!platform::processSpawner().waitForProcess(processID(), end)) {
         switch (end.kind) {
             case platform::CProcessEnd::Kind::Exited:
-            case platform::CProcessEnd::Kind::Signaled:
-                status = end.value;
-                break;
-            case platform::CProcessEnd::Kind::Stopped:
-                status = 0;
-                break;
+            case platform::CProcessEnd::Kind::Signaled: status = end.value; break;
+            case platform::CProcessEnd::Kind::Stopped: status = 0; break;
         }
     }
     try {

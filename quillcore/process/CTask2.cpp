@@ -1,16 +1,14 @@
-#include <quillcore/process/CTask2.h>
-
-#include <quillcore/platform/ProcessSpawner.h>
-#include <quillcore/util/PLUtil.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/Format.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <string>
 #include <system_error>
 #include <typeinfo>
+
+#include <ferrocore/CException.h>
+#include <ferrocore/Format.h>
+#include <quillcore/platform/ProcessSpawner.h>
+#include <quillcore/process/CTask2.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace quill {
 
@@ -35,12 +33,10 @@ CTask2::CTask2(const char* path, const CArgsBuilder& args) : CTask(path, args.ge
 CTask2::~CTask2() {
     try {
         waitForTask();
-    } catch (...) {
-    }
+    } catch (...) {}
     try {
         closeTerminal();
-    } catch (...) {
-    }
+    } catch (...) {}
 }
 
 ferrocore::CStringRef CTask2::getTaskOutput() {
@@ -127,7 +123,8 @@ int CTask2::post_fork() {
     if (!_reader) {
         // The launch stands; the output is lost, and getTaskOutput() says so
         // by returning null.
-        const ferrocore::CParamException failure(ferrocore::formatString("Failed to open file from pipe: %d", _pipeRead));
+        const ferrocore::CParamException failure(
+            ferrocore::formatString("Failed to open file from pipe: %d", _pipeRead));
         PLUtil::LogToConsole(failure.what());
     }
     return 0;

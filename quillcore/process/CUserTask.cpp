@@ -1,8 +1,7 @@
-#include <quillcore/process/CUserTask.h>
-
 #include <quillcore/control/QuillCorePrivate.h>
 #include <quillcore/control/QuillNotification.h>
 #include <quillcore/platform/ProcessSpawner.h>
+#include <quillcore/process/CUserTask.h>
 #include <quillcore/util/PLUtil.h>
 
 namespace quill {

@@ -1,12 +1,11 @@
-#include <quillcore/schedule/CServiceSchedule.h>
-
-#include <ferrocore/CException.h>
-#include <quillcore/platform/Host.h>
-#include <quillcore/util/PLUtil.h>
-
 #include <algorithm>
 #include <cmath>
 #include <string>
+
+#include <ferrocore/CException.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/schedule/CServiceSchedule.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace quill {
 
@@ -243,8 +242,7 @@ bool CServiceSchedule::isOnLine(PLAbsoluteTime time) const {
 }
 
 bool CServiceSchedule::isOnLine() const {
-    if (isConstantSchedule())
-        return _scheduleType[0] == kScheduleTypeOn || _scheduleType[0] == kScheduleTypeOnBetween;
+    if (isConstantSchedule()) return _scheduleType[0] == kScheduleTypeOn || _scheduleType[0] == kScheduleTypeOnBetween;
     return isOnLine(platform::host().currentTime());
 }
 

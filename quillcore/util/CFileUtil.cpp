@@ -1,11 +1,10 @@
-#include <quillcore/util/CFileUtil.h>
-
-#include <quillcore/platform/Host.h>
-
 #include <cstdio>
 #include <mutex>
 #include <string>
 #include <string_view>
+
+#include <quillcore/platform/Host.h>
+#include <quillcore/util/CFileUtil.h>
 
 namespace quill {
 

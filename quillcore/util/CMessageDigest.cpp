@@ -1,13 +1,12 @@
-#include <quillcore/util/CMessageDigest.h>
+#include <memory>
+#include <vector>
+
+#include <openssl/evp.h>
 
 #include <ferrocore/CException.h>
 #include <ferrocore/CFileInputStream.h>
 #include <ferrocore/Format.h>
-
-#include <openssl/evp.h>
-
-#include <memory>
-#include <vector>
+#include <quillcore/util/CMessageDigest.h>
 
 namespace quill {
 

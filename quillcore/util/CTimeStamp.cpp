@@ -1,15 +1,13 @@
-#include <quillcore/util/CTimeStamp.h>
-
-#include <quillcore/platform/Host.h>
-
-#include "quillcore/util/DecimalText.h"
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ostream>
 #include <string>
+
+#include "quillcore/util/DecimalText.h"
+#include <quillcore/platform/Host.h>
+#include <quillcore/util/CTimeStamp.h>
 
 namespace quill {
 

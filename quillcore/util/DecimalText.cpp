@@ -1,10 +1,10 @@
 #include "quillcore/util/DecimalText.h"
 
-#include <ferrocore/Format.h>
-
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+
+#include <ferrocore/Format.h>
 
 namespace quill::decimal {
 

@@ -3,9 +3,9 @@
 // logger and the tests can use it.
 #pragma once
 
-#include <quillcore/export.h>
-
 #include <string>
+
+#include <quillcore/export.h>
 
 namespace quill::decimal {
 

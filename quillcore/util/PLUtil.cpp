@@ -1,21 +1,18 @@
-#include <quillcore/util/PLUtil.h>
-
-#include <quillcore/platform/Host.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include <quillcore/platform/Host.h>
+#include <quillcore/util/PLUtil.h>
+
 namespace quill::PLUtil {
 
 namespace {
 
 // The value under `key`, borrowed; null when absent or when either is null.
-PLTypeRef lookUp(PLDictionaryRef dict, PLStringRef key) noexcept {
-    return dict && key ? dict->get(key) : nullptr;
-}
+PLTypeRef lookUp(PLDictionaryRef dict, PLStringRef key) noexcept { return dict && key ? dict->get(key) : nullptr; }
 
 template <class T>
 const T* typedValue(PLDictionaryRef dict, PLStringRef key) noexcept {
@@ -137,9 +134,7 @@ bool PLDictGetString(PLDictionaryRef dict, PLStringRef key, PLStringRef* out) no
     return value != nullptr;
 }
 
-void PLDictSetString(PLMutableDictionaryRef dict, PLStringRef key, PLStringRef value) {
-    PLDictSet(dict, key, value);
-}
+void PLDictSetString(PLMutableDictionaryRef dict, PLStringRef key, PLStringRef value) { PLDictSet(dict, key, value); }
 
 bool PLDictGetURL(PLDictionaryRef dict, PLStringRef key, PLURLRef* out) noexcept {
     PLURLRef value = typedValue<PLURL>(dict, key);

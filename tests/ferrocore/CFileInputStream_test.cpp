@@ -1,15 +1,13 @@
 // CFileInputStream and copyFileContents.
-#include <ferrocore/CException.h>
-#include <ferrocore/CFileInputStream.h>
-
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <string>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "support/TestSupport.h"
+#include <ferrocore/CException.h>
+#include <ferrocore/CFileInputStream.h>
 
 namespace ferrocore {
 namespace {
@@ -57,8 +55,8 @@ TEST(FileInputStreamTest, FailuresSayWhyAndLeaveTheSourceAlone) {
     } catch (const CException& e) {
         EXPECT_EQ(e.kind(), kExceptionKindSystemCall);
         EXPECT_EQ(e.errorNumber(), ENOENT);
-        EXPECT_EQ(e.message(),
-                  "CFileInputStream::open(" + path("missing") + "): can't open file, error = No such file or directory");
+        EXPECT_EQ(e.message(), "CFileInputStream::open(" + path("missing") +
+                                   "): can't open file, error = No such file or directory");
     }
     // A directory opens but cannot be read.
     char c;

@@ -1,17 +1,17 @@
 // CIntervalTimer: repeats, stops for good, and can be stopped or destroyed
 // from inside its own callback without deadlock.
-#include <ferrocore/CException.h>
-#include <ferrocore/CIntervalTimer.h>
-#include <ferrocore/CMutex.h>
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <limits>
 #include <memory>
 #include <stdexcept>
 #include <thread>
+
+#include <gtest/gtest.h>
+
+#include <ferrocore/CException.h>
+#include <ferrocore/CIntervalTimer.h>
+#include <ferrocore/CMutex.h>
 
 namespace ferrocore {
 namespace {

@@ -1,13 +1,13 @@
 // Mutexes and the conditional mutex: mutual exclusion, recursion, time-outs
 // that return without the lock, and wake-ups across threads.
-#include <ferrocore/CMutex.h>
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <ferrocore/CMutex.h>
 
 namespace ferrocore {
 namespace {

@@ -1,13 +1,13 @@
 // Reference counting: handles own exactly one reference each, the object dies
 // with the last one, also when handles are copied and dropped on many
 // threads at once.
-#include <ferrocore/CSharedObject.h>
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <ferrocore/CSharedObject.h>
 
 namespace ferrocore {
 namespace {

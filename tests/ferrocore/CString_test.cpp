@@ -1,17 +1,16 @@
 // CString: null versus empty, character (code point) counting, sprintf, the
 // shell quoting checked by a real /bin/sh, and string option 3 checked by the
 // XML parser.
-#include <ferrocore/CException.h>
-#include <ferrocore/CString.h>
-#include <ferrocore/CXMLService.h>
-
-#include "support/RunCommand.h"
-
-#include <gtest/gtest.h>
-
 #include <random>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/RunCommand.h"
+#include <ferrocore/CException.h>
+#include <ferrocore/CString.h>
+#include <ferrocore/CXMLService.h>
 
 namespace ferrocore {
 namespace {
@@ -55,8 +54,11 @@ TEST(StringTest, LengthIndexAndFindCountCodePoints) {
         EXPECT_EQ(s->characterAtIndex(i), c) << i;
     EXPECT_THROW(s->characterAtIndex(13), CParamException);
 
-    const struct { const char* what; std::size_t from, at; } finds[] = {
-        {"ß", 0, 3}, {"/x", 0, 11}, {"x", 12, 12}, {"G", 1, CString::npos}, {"", 4, 4}, {"x", 14, CString::npos}};
+    const struct {
+        const char* what;
+        std::size_t from, at;
+    } finds[] = {{"ß", 0, 3}, {"/x", 0, 11},           {"x", 12, 12}, {"G", 1, CString::npos},
+                 {"", 4, 4},  {"x", 14, CString::npos}};
     for (const auto& f : finds) EXPECT_EQ(s->find(f.what, f.from), f.at) << f.what << " from " << f.from;
 
     // Each byte of a malformed sequence is one character, U+FFFD.
@@ -74,9 +76,22 @@ std::string shellPrintf(const std::string& word) {
 }
 
 TEST(StringTest, ShellEscapedFilenameSurvivesTheShell) {
-    const std::vector<std::string> names = {
-        "plain", "with space", "it's", "''", "\"double\" quotes", "$HOME and ${PATH}", "`id` $(id)", "back\\slash\\",
-        "new\nline\n", "tab\there", "*.txt ? [a]", "a; echo injected && exit 3 | cat", "~user", "#comment", "Grüße 日本", ""};
+    const std::vector<std::string> names = {"plain",
+                                            "with space",
+                                            "it's",
+                                            "''",
+                                            "\"double\" quotes",
+                                            "$HOME and ${PATH}",
+                                            "`id` $(id)",
+                                            "back\\slash\\",
+                                            "new\nline\n",
+                                            "tab\there",
+                                            "*.txt ? [a]",
+                                            "a; echo injected && exit 3 | cat",
+                                            "~user",
+                                            "#comment",
+                                            "Grüße 日本",
+                                            ""};
     for (const std::string& name : names) {
         CStringRef escaped = CString::create(name)->shellEscapedFilename();
         EXPECT_EQ(shellPrintf(escaped->utf8()), name) << "escaped as " << escaped->utf8();
@@ -108,7 +123,10 @@ TEST(StringTest, XMLAttributeSafeCopyParsesBackToTheText) {
     for (const char* text : {"a < b > c & \"d\" 'e'", "line1\nline2\r\n\tend", "日本 🎉", "]]> <![CDATA[ x"})
         expectAttributeRoundTrip(text, text);
     // Characters XML cannot carry become U+FFFD; the result still parses.
-    expectAttributeRoundTrip(std::string("a\x01" "b\0c", 5), "a\uFFFDb\uFFFDc");
+    expectAttributeRoundTrip(std::string("a\x01"
+                                         "b\0c",
+                                         5),
+                             "a\uFFFDb\uFFFDc");
     expectAttributeRoundTrip("bad\xFF\xC3utf8", "bad\uFFFD\uFFFDutf8");
     expectAttributeRoundTrip("\xEF\xBF\xBE", "\uFFFD");
 

@@ -1,15 +1,13 @@
 // CURL: encoding round trips, path operations, query parameters and the file
 // type and creator codes kept in extended attributes.
-#include <ferrocore/CException.h>
-#include <ferrocore/CURL.h>
-
-#include "support/TestSupport.h"
+#include <cerrno>
 
 #include <gtest/gtest.h>
-
 #include <sys/xattr.h>
 
-#include <cerrno>
+#include "support/TestSupport.h"
+#include <ferrocore/CException.h>
+#include <ferrocore/CURL.h>
 
 namespace ferrocore {
 namespace {
@@ -37,7 +35,8 @@ TEST(URLTest, FilePathsRoundTripThroughEncoding) {
     EXPECT_THROW(CURL::createWithPath("", false), CParamException);
 
     // Relative paths are taken from the working directory.
-    EXPECT_EQ(text(CURL::createWithPath("x.txt", false)->fileSystemPath()), (std::filesystem::current_path() / "x.txt").string());
+    EXPECT_EQ(text(CURL::createWithPath("x.txt", false)->fileSystemPath()),
+              (std::filesystem::current_path() / "x.txt").string());
 }
 
 TEST(URLTest, ParsesOtherSchemesAndRefusesMalformedText) {
@@ -81,7 +80,8 @@ TEST(URLTest, PathOperationsChangeOnlyThePath) {
 
     // No extension for hidden names or a trailing dot.
     EXPECT_EQ(text(CURL::createWithPath("/d/name.", false)->pathExtension()), "");
-    EXPECT_EQ(CURL::createWithPath("/d/.cvsubexp", true)->copyByDeletingPathExtension()->text(), "file:///d/.cvsubexp/");
+    EXPECT_EQ(CURL::createWithPath("/d/.cvsubexp", true)->copyByDeletingPathExtension()->text(),
+              "file:///d/.cvsubexp/");
 }
 
 TEST(URLTest, QueryParametersAreEncodedAndOthersKept) {

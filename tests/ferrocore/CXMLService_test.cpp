@@ -1,14 +1,14 @@
 // CXMLService: refuses everything that is not well-formed, reads the tree,
 // and writes text that parses back to the same tree.
-#include <ferrocore/CException.h>
-#include <ferrocore/CXMLService.h>
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <ferrocore/CException.h>
+#include <ferrocore/CXMLService.h>
 
 namespace ferrocore {
 namespace {
@@ -18,19 +18,40 @@ std::string text(const CStringRef& s) { return s ? s->utf8() : std::string("<nul
 TEST(XMLServiceTest, TakesWellFormedTextButNoDocumentTypesOrDeepNesting) {
     std::string deep;  // as deep as allowed
     for (std::size_t i = 0; i < kMaxXMLDepth; ++i) deep = "<a>" + deep + "</a>";
-    const std::string good[] = {
-        "<log msg=\"a &lt; b\"/>", "<log msg=\"&amp;amp; &#x41;&#65;\"/>", "<log msg='single \"quoted\"'/>",
-        "<a><!-- note --><?pi x?><![CDATA[<raw>]]></a>", "<\xE6\x97\xA5 \xE6\x9C\xAC=\"x\"/>", deep,
-        "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<a>\xC3\xBC</a>\n"};
+    const std::string good[] = {"<log msg=\"a &lt; b\"/>",
+                                "<log msg=\"&amp;amp; &#x41;&#65;\"/>",
+                                "<log msg='single \"quoted\"'/>",
+                                "<a><!-- note --><?pi x?><![CDATA[<raw>]]></a>",
+                                "<\xE6\x97\xA5 \xE6\x9C\xAC=\"x\"/>",
+                                deep,
+                                "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<a>\xC3\xBC</a>\n"};
     for (const std::string& xml : good) {
         EXPECT_TRUE(CXMLService::isWellFormed(xml)) << xml;
         EXPECT_NO_THROW(CXMLService::create(xml)) << xml;
     }
     const std::string bad[] = {
-        "", "   ", "plain text", "<a>", "<a><b></a></b>", "<a x=\"1\" x=\"2\"/>", "<a x=1/>", "<a x=\"<\"/>",
-        "<log msg=\"a & b\"/>", "<log msg=\"&undefined;\"/>", "<a>&nbsp;</a>", "<a>\xC3</a>", "<a x=\"\xFF\"/>",
-        "<a>\x01</a>", "<a>&#1;</a>", "<a/><b/>", "<a/>junk", "<?xml version=\"1.0\"?><?xml version=\"1.0\"?><a/>",
-        " <?xml version=\"1.0\"?><a/>", "<1a/>", "<a></A>", "<b>" + deep + "</b>",
+        "",
+        "   ",
+        "plain text",
+        "<a>",
+        "<a><b></a></b>",
+        "<a x=\"1\" x=\"2\"/>",
+        "<a x=1/>",
+        "<a x=\"<\"/>",
+        "<log msg=\"a & b\"/>",
+        "<log msg=\"&undefined;\"/>",
+        "<a>&nbsp;</a>",
+        "<a>\xC3</a>",
+        "<a x=\"\xFF\"/>",
+        "<a>\x01</a>",
+        "<a>&#1;</a>",
+        "<a/><b/>",
+        "<a/>junk",
+        "<?xml version=\"1.0\"?><?xml version=\"1.0\"?><a/>",
+        " <?xml version=\"1.0\"?><a/>",
+        "<1a/>",
+        "<a></A>",
+        "<b>" + deep + "</b>",
         "<?xml version=\"1.0\"?><!DOCTYPE l [<!ENTITY a \"aaaa\"><!ENTITY b \"&a;&a;&a;\">]><l>&b;</l>",
         "<!DOCTYPE a SYSTEM \"file:///etc/passwd\"><a/>",
     };

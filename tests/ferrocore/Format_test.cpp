@@ -1,16 +1,16 @@
 // formatString (printf conversions and "%@") and the exception classes built
 // with it.
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include <climits>
+#include <gtest/gtest.h>
+
 #include <ferrocore/CException.h>
 #include <ferrocore/CString.h>
 #include <ferrocore/CURL.h>
 #include <ferrocore/Format.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <string>
 
 namespace ferrocore {
 namespace {
@@ -40,14 +40,22 @@ TEST(FormatTest, MatchesPrintfForCorrectlyTypedArguments) {
 // Conversions without an argument are printed as written, never read.
 TEST(FormatTest, ArgumentsThatDoNotMatchTheFormat) {
     const std::pair<std::string, const char*> cases[] = {
-        {formatString("%x", -1), "ffffffff"},           {formatString("%lx", -1L), "ffffffffffffffff"},
-        {formatString("%hhx", -1), "ff"},               {formatString("%u", -2), "4294967294"},
-        {formatString("%d", 1LL << 40), "1099511627776"}, {formatString("%d", 4000000000u), "4000000000"},
-        {formatString("%d", 3.9), "3"},                 {formatString("%f", 2), "2.000000"},
-        {formatString("%s and %@", 12, -3), "12 and -3"}, {formatString("%d", true), "1"},
-        {formatString("a %d b %s"), "a %d b %s"},       {formatString("%d %d", 1), "1 %d"},
-        {formatString("%d", 1, 2, 3), "1"},             {formatString("100%"), "100%"},
-        {formatString("%k %d", 5), "%k 5"},             {formatString("x%ny", 5), "xy"},
+        {formatString("%x", -1), "ffffffff"},
+        {formatString("%lx", -1L), "ffffffffffffffff"},
+        {formatString("%hhx", -1), "ff"},
+        {formatString("%u", -2), "4294967294"},
+        {formatString("%d", 1LL << 40), "1099511627776"},
+        {formatString("%d", 4000000000u), "4000000000"},
+        {formatString("%d", 3.9), "3"},
+        {formatString("%f", 2), "2.000000"},
+        {formatString("%s and %@", 12, -3), "12 and -3"},
+        {formatString("%d", true), "1"},
+        {formatString("a %d b %s"), "a %d b %s"},
+        {formatString("%d %d", 1), "1 %d"},
+        {formatString("%d", 1, 2, 3), "1"},
+        {formatString("100%"), "100%"},
+        {formatString("%k %d", 5), "%k 5"},
+        {formatString("x%ny", 5), "xy"},
     };
     for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 }

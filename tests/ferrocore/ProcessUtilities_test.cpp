@@ -1,22 +1,23 @@
 // Process lookup by name and ID, and UUID strings.
-#include <ferrocore/CUUIDString.h>
-#include <ferrocore/ProcessUtilities.h>
-
-#include <gtest/gtest.h>
-
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <regex>
 #include <set>
 #include <string>
 
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ferrocore/CUUIDString.h>
+#include <ferrocore/ProcessUtilities.h>
+
 namespace ferrocore {
 namespace {
 
-bool contains(const std::vector<pid_t>& pids, pid_t pid) { return std::find(pids.begin(), pids.end(), pid) != pids.end(); }
+bool contains(const std::vector<pid_t>& pids, pid_t pid) {
+    return std::find(pids.begin(), pids.end(), pid) != pids.end();
+}
 
 TEST(ProcessUtilitiesTest, FindsThisProcessByItsFullNameAndNoneThatIsNotThere) {
     // The test program's name is longer than the 15 bytes the kernel keeps.
@@ -68,7 +69,8 @@ TEST(UUIDStringTest, UppercaseVersion4AndUnique) {
     for (int i = 0; i < 100; ++i) {
         CUUIDString uuid;
         const std::string& s = uuid.str();
-        EXPECT_TRUE(std::regex_match(s, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[0-9A-F]{4}-[0-9A-F]{12}"))) << s;
+        EXPECT_TRUE(std::regex_match(s, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[0-9A-F]{4}-[0-9A-F]{12}")))
+            << s;
         EXPECT_TRUE(seen.insert(s).second);
         EXPECT_EQ(uuid.string()->utf8(), s);
     }

@@ -11,14 +11,15 @@
 //       posts NAME with its own process ID as sender until it has heard a
 //       notification NAME from another process, then a little longer; exits
 //       0 when it has, 1 after ten seconds without.
-#include <quillcore/control/QuillNotification.h>
-#include <quillcore/platform/RunLoop.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
 #include <unistd.h>
+
+#include <quillcore/control/QuillNotification.h>
+#include <quillcore/platform/RunLoop.h>
 
 namespace {
 

@@ -1,14 +1,13 @@
-#include <quillcore/platform/Bundle.h>
-#include <quillcore/platform/Host.h>
-
-#include "support/FrameworkTree.h"
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/FrameworkTree.h"
+#include "support/TestSupport.h"
+#include <quillcore/platform/Bundle.h>
+#include <quillcore/platform/Host.h>
 
 namespace {
 
@@ -21,7 +20,8 @@ using quilltest::writeFile;
 std::string text(const PLHolder<const PLString>& value) { return value ? value->str() : "<null>"; }
 
 std::string plist(const std::string& body) {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n" + body + "</dict>\n</plist>\n";
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n" + body +
+           "</dict>\n</plist>\n";
 }
 
 TEST(Bundle, OpensDirectoriesAndFindsTheirExecutables) {

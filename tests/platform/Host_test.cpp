@@ -1,18 +1,16 @@
-#include <quillcore/platform/Host.h>
-
-#include "support/FixedClockHost.h"
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <cmath>
 #include <string>
 #include <tuple>
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <unistd.h>
+
+#include "support/FixedClockHost.h"
+#include "support/TestSupport.h"
+#include <quillcore/platform/Host.h>
 
 namespace {
 

@@ -2,17 +2,6 @@
 // on the registering thread's loop, removal, the payload encoding), then over
 // the real bus: a private bus daemon per test program, a peer process on the
 // other end, hand-made signals, a killed bus and the private per-user bus.
-#include "support/NotificationBus.h"
-#include "support/TestSupport.h"
-
-#include <quillcore/platform/NotificationCenter.h>
-#include <quillcore/platform/PLPropertyList.h>
-#include <quillcore/platform/RunLoop.h>
-
-#include <gtest/gtest.h>
-
-#include <systemd/sd-bus.h>
-
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -21,8 +10,17 @@
 #include <mutex>
 #include <numeric>
 #include <thread>
+
+#include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
+
+#include "support/NotificationBus.h"
+#include "support/TestSupport.h"
+#include <quillcore/platform/NotificationCenter.h>
+#include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/platform/RunLoop.h>
 
 namespace {
 
@@ -123,9 +121,9 @@ TEST_F(LoopbackCenterTest, CallbacksRunOnTheRegisteringThreadsLoop) {
     std::thread worker([&] {
         observerThread = std::this_thread::get_id();
         center.addObserver(&observer, NotificationHandler([&](const CNotification&) {
-                               callbackThread = std::this_thread::get_id();
-                               ++delivered;
-                           }),
+            callbackThread = std::this_thread::get_id();
+            ++delivered;
+        }),
                            str("T").get(), nullptr);
         workerLoop = &CRunLoop::current();
         CRunLoop::current().runUntil([&] { return stop; }, 10.0);
@@ -255,8 +253,8 @@ TEST_F(DBusNotificationTest, ObserversOnSeveralThreadsGetAnotherProcesssPostsInO
         threads.emplace_back([&, t] {
             int key = 0;
             center.addObserver(&key, NotificationHandler([&, t](const CNotification& n) {
-                                   seen[t].push_back(PLDynamicCast<PLNumber>(n.userInfo->get("seq"))->int32Value());
-                               }),
+                seen[t].push_back(PLDynamicCast<PLNumber>(n.userInfo->get("seq"))->int32Value());
+            }),
                                str(name).get(), str("peer").get());
             syncWithBus(center);
             ++registered;
@@ -284,8 +282,7 @@ public:
     }
     std::vector<std::string> waitFor(const std::string& last) {
         std::unique_lock<std::mutex> lock(_mutex);
-        _changed.wait_for(lock, std::chrono::seconds(10),
-                          [&] { return !_got.empty() && _got.back() == last; });
+        _changed.wait_for(lock, std::chrono::seconds(10), [&] { return !_got.empty() && _got.back() == last; });
         return _got;
     }
 
@@ -398,8 +395,8 @@ TEST_F(PrivateBusTest, RefusesAnUnsafeDirectoryElseRacingProcessesStartOneBusAnd
     ASSERT_EQ(chmod((runtime / "quillcore").c_str(), 0757), 0);
     EXPECT_TRUE(CNotificationCenter(makeDBusNotificationTransport()).post(str("x").get(), nullptr, nullptr));
     EXPECT_FALSE(std::filesystem::exists(runtime / "quillcore" / "bus"));
-    EXPECT_FALSE(consoleLinesWith("refusing " + runtime.str() + "/quillcore: others can write to it (mode 0757)")
-                     .empty());
+    EXPECT_FALSE(
+        consoleLinesWith("refusing " + runtime.str() + "/quillcore: others can write to it (mode 0757)").empty());
     std::filesystem::remove(runtime / "quillcore");
     quilltest::TempDir elsewhere("elsewhere");
     std::filesystem::create_directory_symlink(elsewhere.path(), runtime / "quillcore");

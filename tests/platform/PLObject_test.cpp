@@ -1,9 +1,3 @@
-#include <quillcore/platform/PLObject.h>
-
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <ctime>
 #include <limits>
@@ -14,6 +8,11 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+#include <quillcore/platform/PLObject.h>
 
 namespace {
 
@@ -75,8 +74,10 @@ TEST(PLObject, NumbersCompareByValueAcrossKindsAndConvertSaturating) {
 
     // Exact comparison: 2^53 + 1 has no double, 2^63 no int64.
     EXPECT_FALSE(PLNumber::create(std::int64_t{9007199254740993})->equals(*PLNumber::create(9007199254740992.0)));
-    EXPECT_FALSE(PLNumber::create(std::numeric_limits<std::int64_t>::max())->equals(*PLNumber::create(9223372036854775808.0)));
-    EXPECT_TRUE(PLNumber::create(std::numeric_limits<std::int64_t>::min())->equals(*PLNumber::create(-9223372036854775808.0)));
+    EXPECT_FALSE(
+        PLNumber::create(std::numeric_limits<std::int64_t>::max())->equals(*PLNumber::create(9223372036854775808.0)));
+    EXPECT_TRUE(
+        PLNumber::create(std::numeric_limits<std::int64_t>::min())->equals(*PLNumber::create(-9223372036854775808.0)));
 
     auto zero = PLNumber::create(0.0), negZero = PLNumber::create(-0.0);
     EXPECT_TRUE(zero->equals(*negZero));
@@ -132,7 +133,8 @@ TEST(PLObject, CastsStringsDataAndDates) {
     EXPECT_FALSE(data->equals(*PLData::create("\x01\x02\x00", 3)));
 
     EXPECT_FALSE(PLDate::create(10.5)->equals(*PLNumber::create(10.5)));
-    EXPECT_NEAR(PLAbsoluteTimeGetCurrent(), static_cast<double>(std::time(nullptr)) - kPLAbsoluteTimeIntervalSince1970, 5.0);
+    EXPECT_NEAR(PLAbsoluteTimeGetCurrent(), static_cast<double>(std::time(nullptr)) - kPLAbsoluteTimeIntervalSince1970,
+                5.0);
 }
 
 TEST(PLObject, URLs) {
@@ -148,7 +150,8 @@ TEST(PLObject, URLs) {
     EXPECT_EQ(dir->fileSystemPath(), "/tmp/a b/ü%");
     EXPECT_EQ(PLURL::createWithPath("/x/y/", false)->text(), "file:///x/y");
     EXPECT_EQ(PLURL::createWithPath("/", true)->fileSystemPath(), "/");
-    EXPECT_EQ(PLURL::createWithPath("rel", false)->fileSystemPath(), (std::filesystem::current_path() / "rel").string());
+    EXPECT_EQ(PLURL::createWithPath("rel", false)->fileSystemPath(),
+              (std::filesystem::current_path() / "rel").string());
     EXPECT_FALSE(PLURL::createWithPath("", false));
     EXPECT_TRUE(PLURL::create("file:///a")->equals(*PLURL::createWithPath("/a", false)));
 }

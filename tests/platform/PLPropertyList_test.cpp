@@ -1,10 +1,3 @@
-#include <quillcore/platform/PLPropertyList.h>
-
-#include "platform/PLPropertyListReaders.h"
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <bit>
 #include <cfloat>
 #include <charconv>
@@ -15,6 +8,12 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/PLPropertyListReaders.h"
+#include "support/TestSupport.h"
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace {
 
@@ -50,8 +49,7 @@ std::string bytes(std::initializer_list<unsigned> list) {
 
 // A binary property list of the given object encodings (object 0 first),
 // with one-byte offsets and references. `offsets` overrides the table.
-std::string bplist(const std::vector<std::string>& objects, std::uint64_t top = 0,
-                   std::vector<unsigned> offsets = {}) {
+std::string bplist(const std::vector<std::string>& objects, std::uint64_t top = 0, std::vector<unsigned> offsets = {}) {
     std::string out = "bplist00";
     const bool given = !offsets.empty();
     for (const auto& o : objects) {
@@ -96,22 +94,40 @@ TEST(PLPropertyListWriter, WritesTheExactForm) {
     root->set(str("\xC3\xBC"), real(-INFINITY));
 
     const std::string expected =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" "<plist version=\"1.0\">\n" "<dict>\n"
-        "\t<key>B</key>\n" "\t<date>1969-07-20T20:17:40.5Z</date>\n"
-        "\t<key>a</key>\n" "\t<integer>-5</integer>\n"
-        "\t<key>b</key>\n" "\t<string>x &amp; &lt;y&gt; \"q\"</string>\n"
-        "\t<key>c</key>\n" "\t<real>0.5</real>\n"
-        "\t<key>d</key>\n" "\t<date>2026-11-22T10:00:00Z</date>\n"
-        "\t<key>e</key>\n" "\t<data>AAECaGVsbG8=</data>\n"
-        "\t<key>f</key>\n" "\t<array/>\n"
-        "\t<key>g</key>\n" "\t<dict/>\n"
-        "\t<key>h</key>\n" "\t<array>\n"
-        "\t\t<true/>\n" "\t\t<false/>\n" "\t\t<dict>\n"
-        "\t\t\t<key>z</key>\n" "\t\t\t<real>1</real>\n"
-        "\t\t</dict>\n" "\t</array>\n"
-        "\t<key>k&amp;</key>\n" "\t<string>cr&#13;</string>\n"
-        "\t<key>\xC3\xBC</key>\n" "\t<real>-inf</real>\n"
-        "</dict>\n" "</plist>\n";
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<plist version=\"1.0\">\n"
+        "<dict>\n"
+        "\t<key>B</key>\n"
+        "\t<date>1969-07-20T20:17:40.5Z</date>\n"
+        "\t<key>a</key>\n"
+        "\t<integer>-5</integer>\n"
+        "\t<key>b</key>\n"
+        "\t<string>x &amp; &lt;y&gt; \"q\"</string>\n"
+        "\t<key>c</key>\n"
+        "\t<real>0.5</real>\n"
+        "\t<key>d</key>\n"
+        "\t<date>2026-11-22T10:00:00Z</date>\n"
+        "\t<key>e</key>\n"
+        "\t<data>AAECaGVsbG8=</data>\n"
+        "\t<key>f</key>\n"
+        "\t<array/>\n"
+        "\t<key>g</key>\n"
+        "\t<dict/>\n"
+        "\t<key>h</key>\n"
+        "\t<array>\n"
+        "\t\t<true/>\n"
+        "\t\t<false/>\n"
+        "\t\t<dict>\n"
+        "\t\t\t<key>z</key>\n"
+        "\t\t\t<real>1</real>\n"
+        "\t\t</dict>\n"
+        "\t</array>\n"
+        "\t<key>k&amp;</key>\n"
+        "\t<string>cr&#13;</string>\n"
+        "\t<key>\xC3\xBC</key>\n"
+        "\t<real>-inf</real>\n"
+        "</dict>\n"
+        "</plist>\n";
     std::string out = "kept";  // appended to
     ASSERT_TRUE(PLPropertyListWriteXML(root.get(), out));
     EXPECT_EQ(out, "kept" + expected);
@@ -170,14 +186,23 @@ TEST(PLPropertyListWriter, RefusesWhatItCannotWriteAndSaysWhere) {
 }
 
 TEST(PLPropertyListRoundTrip, RealsAndDatesReadBackBitExact) {
-    const double reals[] = {0.1, 1e-300, -0.0, DBL_MAX, DBL_TRUE_MIN, 1.0 / 3, 123456789.125, -1e22, 5e-324,
-                            NAN, INFINITY, -INFINITY};
+    const double reals[] = {0.1,           1e-300, -0.0,   DBL_MAX, DBL_TRUE_MIN, 1.0 / 3,
+                            123456789.125, -1e22,  5e-324, NAN,     INFINITY,     -INFINITY};
     auto list = PLMutableArray::create();
     for (double d : reals) list->append(real(d));
     // Negative dates count their seconds from below, so their fractions
     // must come out exact too.
-    const double dates[] = {0,    0.1,     -0.25,  1e-7,       123456789.987654321, -992490139.5,
-                            5e-324, -0.1, -1e-300, -123456.789, -62135596800.0 - kPLAbsoluteTimeIntervalSince1970 + 0.5};
+    const double dates[] = {0,
+                            0.1,
+                            -0.25,
+                            1e-7,
+                            123456789.987654321,
+                            -992490139.5,
+                            5e-324,
+                            -0.1,
+                            -1e-300,
+                            -123456.789,
+                            -62135596800.0 - kPLAbsoluteTimeIntervalSince1970 + 0.5};
     for (double d : dates) list->append(PLDate::create(d));
 
     const std::string xml = writeXML(list.get());
@@ -250,8 +275,8 @@ TEST(PLPropertyListRoundTrip, XMLAndBinaryGiveEqualTreesWithTheAskedMutability) 
     for (const std::string& encoded : {writeXML(tree.get()), writeBinary(tree.get())}) {
         PLPropertyListFormat format;
         std::string error;
-        auto frozen = PLPropertyListCreateFromBytes(encoded.data(), encoded.size(), PLMutability::Immutable, &error,
-                                                    &format);
+        auto frozen =
+            PLPropertyListCreateFromBytes(encoded.data(), encoded.size(), PLMutability::Immutable, &error, &format);
         ASSERT_TRUE(frozen) << error;
         EXPECT_EQ(format, encoded.starts_with("bplist00") ? PLPropertyListFormat::Binary : PLPropertyListFormat::XML);
         EXPECT_TRUE(frozen->equals(*tree));
@@ -275,21 +300,21 @@ TEST(PLPropertyListRoundTrip, XMLAndBinaryGiveEqualTreesWithTheAskedMutability) 
 
 // Every form of the XML format that the reader must take.
 const std::string kEveryForm =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<!DOCTYPE plist PUBLIC \"-//Example//DTD PLIST 1.0//EN\" \"http://example.com/plist.dtd\">\n"
-        "<!-- made by hand -->\n"
-        "<plist version=\"1.0\"><dict>\n"
-        " <key>hex</key><integer> 0x1F </integer><key>min</key><integer>-9223372036854775808</integer>\n"
-        " <key>long</key><integer>-999999999999999999</integer>\n"
-        " <key>plus</key><!-- between --><?note x?><integer>+42</integer>\n"
-        " <key>reals</key><array><real>+infinity</real><real>-INF</real><real>NaN</real><real>1e3</real>"
-        "<real> .5 </real></array>\n"
-        " <key>when</key><date>2001-01-01T00:00:01.5Z</date><key>leap</key><date>2024-02-29T23:59:59Z</date>\n"
-        " <key>blob</key><data>\n   AAEC\n   aGVsbG8\n </data>\n"
-        " <key>cdata</key><string><![CDATA[<raw> & stuff]]></string>\n"
-        " <key>refs</key><string>&amp;&#x1F600;&#65;</string>\n"
-        " <key>dup</key><string>first</string><key>dup</key><string>second</string><key>empty</key><string/>\n"
-        "</dict></plist>\n";
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<!DOCTYPE plist PUBLIC \"-//Example//DTD PLIST 1.0//EN\" \"http://example.com/plist.dtd\">\n"
+    "<!-- made by hand -->\n"
+    "<plist version=\"1.0\"><dict>\n"
+    " <key>hex</key><integer> 0x1F </integer><key>min</key><integer>-9223372036854775808</integer>\n"
+    " <key>long</key><integer>-999999999999999999</integer>\n"
+    " <key>plus</key><!-- between --><?note x?><integer>+42</integer>\n"
+    " <key>reals</key><array><real>+infinity</real><real>-INF</real><real>NaN</real><real>1e3</real>"
+    "<real> .5 </real></array>\n"
+    " <key>when</key><date>2001-01-01T00:00:01.5Z</date><key>leap</key><date>2024-02-29T23:59:59Z</date>\n"
+    " <key>blob</key><data>\n   AAEC\n   aGVsbG8\n </data>\n"
+    " <key>cdata</key><string><![CDATA[<raw> & stuff]]></string>\n"
+    " <key>refs</key><string>&amp;&#x1F600;&#65;</string>\n"
+    " <key>dup</key><string>first</string><key>dup</key><string>second</string><key>empty</key><string/>\n"
+    "</dict></plist>\n";
 
 TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
     std::string error;
@@ -298,8 +323,10 @@ TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
     const PLDictionary* d = dict(plist);
     auto number = [&](const char* key) { return static_cast<const PLNumber*>(d->get(key)); };
     auto text = [&](const char* key) { return static_cast<const PLString*>(d->get(key))->utf8(); };
-    for (const auto& [key, value] : {std::pair<const char*, std::int64_t>{"hex", 31}, {"plus", 42},
-                                     {"min", std::numeric_limits<std::int64_t>::min()}, {"long", -999999999999999999}})
+    for (const auto& [key, value] : {std::pair<const char*, std::int64_t>{"hex", 31},
+                                     {"plus", 42},
+                                     {"min", std::numeric_limits<std::int64_t>::min()},
+                                     {"long", -999999999999999999}})
         EXPECT_EQ(number(key)->int64Value(), value) << key;
     EXPECT_EQ(number("min")->numberType(), PLNumberType::SInt64);
     const auto* reals = static_cast<const PLArray*>(d->get("reals"));
@@ -312,7 +339,9 @@ TEST(PLPropertyListReader, AcceptsTheFormsOfTheXMLFormat) {
     EXPECT_EQ(static_cast<const PLDate*>(d->get("leap"))->absoluteTime(), 730943999.0);
     EXPECT_EQ(static_cast<const PLData*>(d->get("blob"))->view(), std::string_view("\0\1\2hello", 8));
     EXPECT_EQ(text("cdata"), "<raw> & stuff");
-    EXPECT_EQ(text("refs"), "&\xF0\x9F\x98\x80" "A");
+    EXPECT_EQ(text("refs"),
+              "&\xF0\x9F\x98\x80"
+              "A");
     EXPECT_EQ(text("dup"), "second");
     EXPECT_EQ(d->count(), 12u);
 }
@@ -326,7 +355,8 @@ TEST(PLPropertyListReader, RefusesMalformedXMLSayingWhatAndWhere) {
         {"<plist><dict></array></plist>", "mismatched tag"},
         {"<plist><string>\xff</string></plist>", "not well-formed"},
         {deep, "elements nested more than 512 deep"},
-        {"<!DOCTYPE plist [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;\">]><plist><string>&b;</string></plist>",
+        {"<!DOCTYPE plist [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b "
+         "\"&a;&a;&a;&a;&a;&a;\">]><plist><string>&b;</string></plist>",
          "entity declarations are not allowed (<!ENTITY a>)"},
         {"<plist><string>&nope;</string></plist>", "undefined entity"},
         {"<plist><integer>9223372036854775808</integer></plist>", "integer out of the 64-bit range"},
@@ -397,7 +427,8 @@ TEST(PLPropertyListReader, DecodesBase64AsASimpleDecoderDoes) {
             const std::uint32_t v = rng() & 0xFFFFFF;
             for (int k = 0; k < 4; ++k) pieces.emplace_back(1, kAlphabet[(v >> (18 - 6 * k)) & 63]);
         }
-        if (round % 3 == 0 && !pieces.empty()) pieces.resize(pieces.size() - 1 - rng() % std::min<std::size_t>(2, pieces.size()));
+        if (round % 3 == 0 && !pieces.empty())
+            pieces.resize(pieces.size() - 1 - rng() % std::min<std::size_t>(2, pieces.size()));
         if (round % 3 == 1 && pieces.size() >= 2) pieces.back() = pieces[pieces.size() - 2] = "=";
         for (unsigned n = rng() % 6; n > 0; --n) {
             // Mostly white space; now and then something that spoils the text.
@@ -423,9 +454,21 @@ TEST(PLPropertyListReader, DecodesBase64AsASimpleDecoderDoes) {
 // same to the bit, also next to the limits of that path (2^53, 22 digits
 // after the point, 19 digits in all).
 TEST(PLPropertyListReader, ReadsRealsAsFromCharsDoes) {
-    std::vector<std::string> texts = {"9007199254740992", "9007199254740993", "900719925474099.3",
-                                      "0.0000000000000000000001", "0.00000000000000000000001", "1234567890123456789",
-                                      "12345678901234567890", "18446744073709551621", "1844674407370955162.1", "-0", "-.5", "5.", "0.1", "000123.4500", "-4503599627370497.5"};
+    std::vector<std::string> texts = {"9007199254740992",
+                                      "9007199254740993",
+                                      "900719925474099.3",
+                                      "0.0000000000000000000001",
+                                      "0.00000000000000000000001",
+                                      "1234567890123456789",
+                                      "12345678901234567890",
+                                      "18446744073709551621",
+                                      "1844674407370955162.1",
+                                      "-0",
+                                      "-.5",
+                                      "5.",
+                                      "0.1",
+                                      "000123.4500",
+                                      "-4503599627370497.5"};
     std::mt19937_64 rng(3);
     for (int i = 0; i < 3000; ++i) {
         std::string t = rng() % 2 ? "-" : "";
@@ -485,8 +528,8 @@ TEST(PLPropertyListReader, IndexesDictionariesByTheKeysHashes) {
         expected->set(str(key), num(i));
     }
     std::string error;
-    auto plist = parse(doc + "<key>small</key><dict><key>a</key><true/><key>a</key><false/></dict></dict></plist>",
-                       &error);
+    auto plist =
+        parse(doc + "<key>small</key><dict><key>a</key><true/><key>a</key><false/></dict></dict></plist>", &error);
     ASSERT_TRUE(plist) << error;
     auto small = PLMutableDictionary::create();
     small->set(str("a"), PLHolder<const PLObject>::retain(kPLBooleanFalse));
@@ -548,19 +591,19 @@ TEST(PLPropertyListReader, ReadsEveryBinaryObjectKind) {
     std::string be8;
     for (int i = 7; i >= 0; --i) be8 += static_cast<char>(std::bit_cast<std::uint64_t>(when) >> (8 * i));
     const std::string file = bplist({
-        bytes({0xAB, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}),                             // 0: array of 11
-        bytes({0x10, 0xFF}),                                                          // 1: 255
-        bytes({0x11, 0x01, 0x00}),                                                    // 2: 256
-        bytes({0x12, 0xFF, 0xFF, 0xFF, 0xFF}),                                        // 3: 4294967295
-        bytes({0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),                // 4: -1
-        bytes({0x14, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,                  // 5: -2 in 16 bytes
+        bytes({0xAB, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}),               // 0: array of 11
+        bytes({0x10, 0xFF}),                                            // 1: 255
+        bytes({0x11, 0x01, 0x00}),                                      // 2: 256
+        bytes({0x12, 0xFF, 0xFF, 0xFF, 0xFF}),                          // 3: 4294967295
+        bytes({0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),  // 4: -1
+        bytes({0x14, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,    // 5: -2 in 16 bytes
                0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}),
-        bytes({0x22, 0x3F, 0xC0, 0x00, 0x00}),                                        // 6: 1.5f
-        bytes({0x33}) + be8,                                                          // 7: date
-        bytes({0x64, 0x00, 0xE9, 0xD8, 0x3D, 0xDE, 0x00, 0x00, 0x41}),                // 8: "é😀A"
-        bytes({0xD1, 10, 1}),                                                         // 9: {"k": 255}
-        bytes({0x51, 'k'}),                                                           // 10: "k"
-        bytes({0x4F, 0x10, 0x02, 0xAB, 0xCD}),                                        // 11: data, long count
+        bytes({0x22, 0x3F, 0xC0, 0x00, 0x00}),                          // 6: 1.5f
+        bytes({0x33}) + be8,                                            // 7: date
+        bytes({0x64, 0x00, 0xE9, 0xD8, 0x3D, 0xDE, 0x00, 0x00, 0x41}),  // 8: "é😀A"
+        bytes({0xD1, 10, 1}),                                           // 9: {"k": 255}
+        bytes({0x51, 'k'}),                                             // 10: "k"
+        bytes({0x4F, 0x10, 0x02, 0xAB, 0xCD}),                          // 11: data, long count
     });
     std::string error;
     auto plist = parse(file, &error);
@@ -573,7 +616,9 @@ TEST(PLPropertyListReader, ReadsEveryBinaryObjectKind) {
     EXPECT_EQ(n(2)->numberType(), PLNumberType::SInt64);
     EXPECT_EQ(n(5)->doubleValue(), 1.5);
     EXPECT_EQ(static_cast<const PLDate*>(a->at(6))->absoluteTime(), when);
-    EXPECT_EQ(static_cast<const PLString*>(a->at(7))->utf8(), "\xC3\xA9\xF0\x9F\x98\x80" "A");
+    EXPECT_EQ(static_cast<const PLString*>(a->at(7))->utf8(),
+              "\xC3\xA9\xF0\x9F\x98\x80"
+              "A");
     EXPECT_EQ(static_cast<const PLNumber*>(static_cast<const PLDictionary*>(a->at(8))->get("k"))->int32Value(), 255);
     EXPECT_EQ(static_cast<const PLData*>(a->at(10))->view(), "\xAB\xCD");
 }

@@ -1,9 +1,3 @@
-#include <quillcore/platform/RunLoop.h>
-
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <stdexcept>
@@ -13,7 +7,11 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
+
+#include "support/TestSupport.h"
+#include <quillcore/platform/RunLoop.h>
 
 namespace {
 
@@ -94,7 +92,9 @@ TEST(RunLoop, TimersFireInOrderOnceOrUntilCancelled) {
     // Cancelled, dropped and replaced timers never fire.
     CRunLoopTimer cancelled = loop.addTimer(0.0, 0.0, [&] { order += 'x'; });
     cancelled.cancel();
-    { CRunLoopTimer dropped = loop.addTimer(0.0, 0.0, [&] { order += 'y'; }); }
+    {
+        CRunLoopTimer dropped = loop.addTimer(0.0, 0.0, [&] { order += 'y'; });
+    }
     CRunLoopTimer replaced = loop.addTimer(0.0, 0.0, [&] { order += 'z'; });
     replaced = CRunLoopTimer();
 
@@ -118,8 +118,7 @@ TEST(RunLoop, DescriptorsAreServedUntilRemoved) {
             EXPECT_EQ(fd, readEnd);
             seen |= events;
             char c;
-            while (read(fd, &c, 1) == 1) {
-            }
+            while (read(fd, &c, 1) == 1) {}
         });
     int writable = 0;
     CFileDescriptorSource writer;
@@ -171,13 +170,14 @@ TEST(RunLoop, NestedRunsServeOtherSourcesButNotTheRunningOne) {
     pipe.put();
     int calls = 0;
     bool nestedTaskRan = false;
-    CFileDescriptorSource source = loop.addFileDescriptorSource(pipe.fds[0], CRunLoop::kReadable, [&](int fd, unsigned) {
-        ++calls;
-        loop.post([&] { nestedTaskRan = true; });
-        loop.runFor(0.0);  // the pipe is still readable here
-        char c;
-        EXPECT_EQ(read(fd, &c, 1), 1);
-    });
+    CFileDescriptorSource source =
+        loop.addFileDescriptorSource(pipe.fds[0], CRunLoop::kReadable, [&](int fd, unsigned) {
+            ++calls;
+            loop.post([&] { nestedTaskRan = true; });
+            loop.runFor(0.0);  // the pipe is still readable here
+            char c;
+            EXPECT_EQ(read(fd, &c, 1), 1);
+        });
     loop.runFor(0.0);
     EXPECT_EQ(calls, 1);
     EXPECT_TRUE(nestedTaskRan);

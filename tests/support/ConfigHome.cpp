@@ -29,7 +29,8 @@ PLHolder<const PLDictionary> readPlistFile(const std::filesystem::path& path) {
 
 PLHolder<const PLDictionary> parsePlist(const std::string& valueXML) {
     const std::string xml = "<plist version=\"1.0\">" + valueXML + "</plist>";
-    PLHolder<const PLObject> plist = PLPropertyListCreateFromBytes(xml.data(), xml.size(), PLMutability::Immutable, nullptr);
+    PLHolder<const PLObject> plist =
+        PLPropertyListCreateFromBytes(xml.data(), xml.size(), PLMutability::Immutable, nullptr);
     return PLHolder<const PLDictionary>::retain(PLDynamicCast<PLDictionary>(plist.get()));
 }
 

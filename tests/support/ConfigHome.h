@@ -4,17 +4,16 @@
 // inside it. Also a host with fixed host facts, and a reader of whole files.
 #pragma once
 
-#include "support/TestSupport.h"
-
-#include <quillcore/platform/Host.h>
-#include <quillcore/platform/PLObject.h>
-
 #include <cstdint>
 #include <filesystem>
 #include <initializer_list>
 #include <set>
 #include <string>
 #include <string_view>
+
+#include "support/TestSupport.h"
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/PLObject.h>
 
 namespace quilltest {
 

@@ -2,10 +2,10 @@
 // the faults a test needs; everything not armed goes to the real host.
 #pragma once
 
-#include <quillcore/platform/Host.h>
-
 #include <cstddef>
 #include <optional>
+
+#include <quillcore/platform/Host.h>
 
 namespace quilltest {
 

@@ -3,11 +3,11 @@
 // from where the library is loaded.
 #pragma once
 
-#include <quillcore/platform/Host.h>
-
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include <quillcore/platform/Host.h>
 
 namespace quilltest {
 

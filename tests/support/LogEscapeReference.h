@@ -3,12 +3,12 @@
 // tests and the log escaping fuzz target both use it.
 #pragma once
 
-#include <ferrocore/CString.h>
-#include <ferrocore/CXMLService.h>
-
 #include <cctype>
 #include <string>
 #include <string_view>
+
+#include <ferrocore/CString.h>
+#include <ferrocore/CXMLService.h>
 
 namespace quilltest {
 

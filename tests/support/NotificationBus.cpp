@@ -1,22 +1,21 @@
 #include "support/NotificationBus.h"
 
-#include "support/TestSupport.h"
-
-#include <quillcore/platform/RunLoop.h>
-
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
-#include <poll.h>
 #include <stdexcept>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
+
+#include "support/TestSupport.h"
+#include <quillcore/platform/RunLoop.h>
 
 extern char** environ;
 
@@ -40,8 +39,7 @@ void stopProcess(pid_t pid) {
     if (pid <= 0) return;
     ::kill(pid, SIGTERM);
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
 }
 
 // Stops the test bus once all tests have run.
@@ -75,8 +73,8 @@ const std::string& privateBusAddress() {
     fs::path dir = testRoot() / "testbus";
     fs::create_directories(dir);
     std::string addressArg = "--address=unix:path=" + (dir / "bus").string();
-    const char* argv[] = {"/usr/bin/dbus-daemon", "--session", addressArg.c_str(), "--nofork", "--print-address=3",
-                          nullptr};
+    const char* argv[] = {"/usr/bin/dbus-daemon", "--session", addressArg.c_str(), "--nofork",
+                          "--print-address=3",    nullptr};
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
     const pid_t parent = ::getpid();

@@ -3,13 +3,14 @@
 // notification peer program and to wait on a run loop.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
+
+#include <sys/types.h>
+
+#include <quillcore/platform/PLObject.h>
 
 namespace quilltest {
 

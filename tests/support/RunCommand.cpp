@@ -1,9 +1,10 @@
 #include "support/RunCommand.h"
 
 #include <cstdlib>
+#include <stdexcept>
+
 #include <poll.h>
 #include <spawn.h>
-#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -1,14 +1,14 @@
 // Test entry point: every test program runs in a throw-away home with a pinned
 // time zone and its console log in a file, and never sees the developer's
 // session bus.
-#include "support/NotificationBus.h"
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
+
+#include <gtest/gtest.h>
 #include <time.h>
+
+#include "support/NotificationBus.h"
+#include "support/TestSupport.h"
 
 int main(int argc, char** argv) {
     namespace fs = std::filesystem;

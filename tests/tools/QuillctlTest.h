@@ -2,12 +2,12 @@
 // quillctl, and runs it to completion.
 #pragma once
 
-#include "support/RunCommand.h"
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include "support/RunCommand.h"
 
 namespace quilltest {
 

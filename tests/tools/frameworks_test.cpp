@@ -1,14 +1,14 @@
 // The installed framework layout and the verbs that depend on it: quillctl
 // frameworks, config update and perfscore.
-#include "support/TestSupport.h"
-#include "tools/QuillctlTest.h"
-
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
 
 namespace {
 
@@ -36,13 +36,14 @@ TEST(Frameworks, TheInstalledLibraryFindsItsFrameworkAndTheMasterDefaults) {
     const fs::path corvane = frameworks / "Corvane.framework";
     const fs::path bundle = corvane / "Versions/A/Frameworks/QuillCore.framework";
     EXPECT_EQ(fs::canonical(prefix / "lib/libquillcore.so").parent_path(), bundle);
-    EXPECT_NE(readFile(bundle / "Info.plist").find("<string>com.tessaly.corvane.QuillCore</string>"), std::string::npos);
+    EXPECT_NE(readFile(bundle / "Info.plist").find("<string>com.tessaly.corvane.QuillCore</string>"),
+              std::string::npos);
 
     const std::string tool = (prefix / "bin/quillctl").string();
     auto r = runCommand({tool, "frameworks"});
     EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.out, "Corvane.framework: " + corvane.string() + "\nLumenforge.framework: " +
-                         (frameworks / "Lumenforge.framework").string() + "\n");
+    EXPECT_EQ(r.out, "Corvane.framework: " + corvane.string() +
+                         "\nLumenforge.framework: " + (frameworks / "Lumenforge.framework").string() + "\n");
 
     TempDir home("home");
     const fs::path user = home / "Library/Application Support/Lumenforge/LumenforgeConfig.plist";
@@ -64,17 +65,19 @@ TEST_F(QuillctlFrameworks, TheBuildTreeHasNoFrameworks) {
 TEST_F(QuillctlFrameworks, PerfScoreMultipliesTheConfiguredFactor) {
     TempDir dir;
     const fs::path file = dir / "config.plist";
-    quilltest::writeFile(file, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-                               "<key>hostperfscore</key><dict><key>CPUTypes</key><dict>"
-                               "<key>Current</key><string>Intel Core 2</string>"
-                               "<key>Intel Core 2</key><real>1.5</real></dict></dict>\n</dict>\n</plist>\n");
+    quilltest::writeFile(file,
+                         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                         "<key>hostperfscore</key><dict><key>CPUTypes</key><dict>"
+                         "<key>Current</key><string>Intel Core 2</string>"
+                         "<key>Intel Core 2</key><real>1.5</real></dict></dict>\n</dict>\n</plist>\n");
     const auto r = run({"perfscore", "--file", file.string()});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     std::smatch m;
     ASSERT_TRUE(std::regex_search(r.out, m, std::regex(R"(processors: (-?\d+)\nclock speed: ([0-9.]+) GHz\n)")))
         << r.out;
     const double product = std::stoi(m[1]) * std::stod(m[2]) * 1.5;
-    ASSERT_TRUE(std::regex_search(r.out, m, std::regex(R"(cpu type: Intel Core 2\ntype factor: 1.5\nscore: (-?[0-9.]+)\n)")))
+    ASSERT_TRUE(
+        std::regex_search(r.out, m, std::regex(R"(cpu type: Intel Core 2\ntype factor: 1.5\nscore: (-?[0-9.]+)\n)")))
         << r.out;
     EXPECT_NEAR(std::stod(m[1]), product, 1e-5);
 }

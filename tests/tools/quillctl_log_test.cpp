@@ -1,12 +1,12 @@
 // quillctl log: writing records from the shell and reading logs back.
-#include "support/TestSupport.h"
-#include "tools/QuillctlTest.h"
+#include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
 // quillctl notify post / watch, on the test program's private bus.
-#include "support/NotificationBus.h"
-#include "support/TestSupport.h"
-#include "tools/QuillctlTest.h"
-
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <regex>
 #include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "support/NotificationBus.h"
+#include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
 
 namespace {
 

@@ -1,15 +1,14 @@
 // quillctl's property-list verbs (plist lint / print / get / set / delete),
 // digest and version.
-#include "support/ConfigHome.h"
-#include "support/TestSupport.h"
-#include "tools/QuillctlTest.h"
-
-#include <quillcore/platform/PLPropertyList.h>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <thread>
-#include <vector>
+#include "support/ConfigHome.h"
+#include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace {
 
@@ -79,8 +78,11 @@ TEST_F(QuillctlPlist, PrintConvertsBinaryToTheSameXML) {
 TEST_F(QuillctlPlist, GetFollowsKeyPathsThroughDictsArraysAndDottedKeys) {
     for (const auto& [path, value] : std::vector<std::pair<std::string, std::string>>{
              {"corvaneservices.servicecontroller:com.tessaly.corvane.executor.Instances", "4\n"},
-             {"list.0", "a & b\n"}, {"list.2", "2026-11-22T09:30:00Z\n"}, {"list.3", "AAEC/w==\n"},
-             {"list.4", "false\n"}, {"we\\.ird", "dotted key\n"}})
+             {"list.0", "a & b\n"},
+             {"list.2", "2026-11-22T09:30:00Z\n"},
+             {"list.3", "AAEC/w==\n"},
+             {"list.4", "false\n"},
+             {"we\\.ird", "dotted key\n"}})
         EXPECT_EQ(run({"plist", "get", doc(), path}).out, value) << path;
     auto container = run({"plist", "get", doc(), "corvaneservices"});
     EXPECT_EQ(container.exitCode, 0);
@@ -97,8 +99,10 @@ TEST_F(QuillctlPlist, GetFollowsKeyPathsThroughDictsArraysAndDottedKeys) {
 TEST_F(QuillctlPlist, SetCreatesTheFileAndMissingDictionariesForEveryType) {
     const std::vector<std::vector<std::string>> rows = {
         {"corvaneconfig.DaemonPort", "integer", "-9223372036854775808", "-9223372036854775808\n"},
-        {"a.b.c", "string", "x & <y>", "x & <y>\n"},         {"r", "real", "0.1", "0.1\n"},
-        {"flag", "bool", "No", "false\n"},                     {"bytes", "data", "AAEC/w", "AAEC/w==\n"},
+        {"a.b.c", "string", "x & <y>", "x & <y>\n"},
+        {"r", "real", "0.1", "0.1\n"},
+        {"flag", "bool", "No", "false\n"},
+        {"bytes", "data", "AAEC/w", "AAEC/w==\n"},
         {"when", "date", "2024-02-29 23:59:59", "2024-02-29T23:59:59Z\n"}};
     for (const auto& r : rows) EXPECT_EQ(set(r[0], r[1], r[2]).exitCode, 0) << r[0];
     for (const auto& r : rows) EXPECT_EQ(get(r[0]), r[3]);
@@ -118,10 +122,17 @@ TEST_F(QuillctlPlist, SetCreatesTheFileAndMissingDictionariesForEveryType) {
 
 TEST_F(QuillctlPlist, BadValuesAreRefusedBeforeTheFileIsTouched) {
     const std::vector<std::pair<std::string, std::string>> bad = {
-        {"integer", "9223372036854775808"}, {"integer", "12x"},   {"integer", ""},
-        {"real", "1e999"},                  {"real", "one"},      {"bool", "maybe"},
-        {"date", "2026-02-29 10:00:00"},    {"date", "2026-11-22T10:00:00"},
-        {"date", "2026-11-22 24:00:00"},    {"data", "AA*="},     {"data", "A"},
+        {"integer", "9223372036854775808"},
+        {"integer", "12x"},
+        {"integer", ""},
+        {"real", "1e999"},
+        {"real", "one"},
+        {"bool", "maybe"},
+        {"date", "2026-02-29 10:00:00"},
+        {"date", "2026-11-22T10:00:00"},
+        {"date", "2026-11-22 24:00:00"},
+        {"data", "AA*="},
+        {"data", "A"},
     };
     for (const auto& [type, value] : bad) {
         auto r = set("k", type, value);

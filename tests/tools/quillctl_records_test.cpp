@@ -1,21 +1,19 @@
 // quillctl's record verbs: config show / set, services list / show, pids.
 // Each runs against the configuration of a throw-away HOME.
-#include "support/ConfigHome.h"
-#include "support/TestSupport.h"
-#include "tools/QuillctlTest.h"
-
-#include <quillcore/platform/Host.h>
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "support/ConfigHome.h"
+#include "support/TestSupport.h"
+#include "tools/QuillctlTest.h"
+#include <quillcore/platform/Host.h>
 
 namespace {
 

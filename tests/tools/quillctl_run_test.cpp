@@ -1,14 +1,13 @@
 // quillctl run: the task classes from the command line.
-#include "support/NotificationBus.h"
-#include "tools/QuillctlTest.h"
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
-
 #include <pwd.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
+#include "support/NotificationBus.h"
+#include "tools/QuillctlTest.h"
 
 namespace {
 

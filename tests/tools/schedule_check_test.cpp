@@ -1,8 +1,8 @@
 // quillctl schedule check: evaluating schedule files at a chosen local time.
+#include <gtest/gtest.h>
+
 #include "support/TestSupport.h"
 #include "tools/QuillctlTest.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -21,9 +21,8 @@ protected:
         QuillctlTest::SetUp();
         if (IsSkipped()) return;
         quilltest::writeFile(_dir / "office.plist", plist(kOfficeHours));
-        quilltest::writeFile(_dir / "nested.plist",
-                             plist("<key>Service</key><dict><key>Schedule</key><dict>" + std::string(kOfficeHours) +
-                                   "</dict></dict>"));
+        quilltest::writeFile(_dir / "nested.plist", plist("<key>Service</key><dict><key>Schedule</key><dict>" +
+                                                          std::string(kOfficeHours) + "</dict></dict>"));
         quilltest::writeFile(_dir / "array.plist", "<plist version=\"1.0\"><array/></plist>");
     }
     quilltest::CommandResult check(std::vector<std::string> args) {

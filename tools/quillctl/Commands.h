@@ -4,10 +4,10 @@
 // through the returned code (0 success, 1 failure, 2 usage).
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <functional>
 #include <string>
+
+#include <CLI/CLI.hpp>
 
 namespace quillctl {
 
@@ -31,7 +31,7 @@ void addRegisteredCommands(CLI::App& app);
 CLI::App* commandGroup(CLI::App& app, const std::string& name, const std::string& description);
 
 #define QUILLCTL_COMMANDS(function) \
-    static const ::quillctl::CommandGroup quillctlGroup_##function{#function, &function}
+    static const ::quillctl::CommandGroup quillctlGroup_##function { #function, &function }
 
 // Writes "quillctl: <message>" and a line feed to standard error.
 void printError(const std::string& message);

@@ -1,19 +1,17 @@
 // quillctl config show | set: the cluster configuration of the current user
 // (the "corvaneconfig" section of the shared configuration file under HOME).
-#include "Commands.h"
-#include "ToolSupport.h"
-
-#include <quillcore/plist/CQuillConfigFile.h>
-#include <quillcore/util/PLUtil.h>
-
-#include <ferrocore/CSharedObject.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <limits>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "Commands.h"
+#include "ToolSupport.h"
+#include <ferrocore/CSharedObject.h>
+#include <quillcore/plist/CQuillConfigFile.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace quillctl {
 
@@ -70,28 +68,22 @@ const std::vector<Field>& fields() {
 
 const char* advertisingText(Advertising value) {
     switch (value) {
-    case Advertising::DN:
-        return "DN";
-    case Advertising::MC:
-        return "MC";
-    case Advertising::RV:
-        return "RV";
+        case Advertising::DN: return "DN";
+        case Advertising::MC: return "MC";
+        case Advertising::RV: return "RV";
     }
     return "?";
 }
 
 std::string valueText(const CQuillConfigFile& config, const Field& field) {
     switch (field.type) {
-    case FieldType::Bool:
-        return config.*field.flag ? "true" : "false";
-    case FieldType::Int:
-        return std::to_string(config.*field.number);
-    case FieldType::String: {
-        const PLHolder<const PLString>& text = config.*field.text;
-        return text ? "\"" + text->str() + "\"" : "(not set)";
-    }
-    case FieldType::Advertising:
-        return advertisingText(config.advertising);
+        case FieldType::Bool: return config.*field.flag ? "true" : "false";
+        case FieldType::Int: return std::to_string(config.*field.number);
+        case FieldType::String: {
+            const PLHolder<const PLString>& text = config.*field.text;
+            return text ? "\"" + text->str() + "\"" : "(not set)";
+        }
+        case FieldType::Advertising: return advertisingText(config.advertising);
     }
     return {};
 }
@@ -136,43 +128,41 @@ std::string knownKeys() {
 bool assign(CQuillConfigFile& config, const Field& field, const std::string& text, std::string& error) {
     const std::string bad = "bad value \"" + text + "\" for " + field.key + ": ";
     switch (field.type) {
-    case FieldType::Bool: {
-        std::string why;
-        const PLHolder<const PLObject> value = parseTypedValue("bool", text, &why);
-        if (!value) {
-            error = bad + "expected true/false, yes/no or 1/0";
-            return false;
+        case FieldType::Bool: {
+            std::string why;
+            const PLHolder<const PLObject> value = parseTypedValue("bool", text, &why);
+            if (!value) {
+                error = bad + "expected true/false, yes/no or 1/0";
+                return false;
+            }
+            config.*field.flag = static_cast<const PLBoolean*>(value.get())->value();
+            return true;
         }
-        config.*field.flag = static_cast<const PLBoolean*>(value.get())->value();
-        return true;
-    }
-    case FieldType::Int: {
-        std::string why;
-        const PLHolder<const PLObject> value = parseTypedValue("integer", text, &why);
-        const std::int64_t number = value ? static_cast<const PLNumber*>(value.get())->int64Value() : 0;
-        if (!value || number < std::numeric_limits<std::int32_t>::min() ||
-            number > std::numeric_limits<std::int32_t>::max()) {
-            error = bad + "expected a 32-bit decimal integer";
-            return false;
+        case FieldType::Int: {
+            std::string why;
+            const PLHolder<const PLObject> value = parseTypedValue("integer", text, &why);
+            const std::int64_t number = value ? static_cast<const PLNumber*>(value.get())->int64Value() : 0;
+            if (!value || number < std::numeric_limits<std::int32_t>::min() ||
+                number > std::numeric_limits<std::int32_t>::max()) {
+                error = bad + "expected a 32-bit decimal integer";
+                return false;
+            }
+            config.*field.number = static_cast<std::int32_t>(number);
+            return true;
         }
-        config.*field.number = static_cast<std::int32_t>(number);
-        return true;
-    }
-    case FieldType::String:
-        config.*field.text = PLString::create(text);
-        return true;
-    case FieldType::Advertising:
-        if (text == "DN")
-            config.advertising = Advertising::DN;
-        else if (text == "MC")
-            config.advertising = Advertising::MC;
-        else if (text == "RV")
-            config.advertising = Advertising::RV;
-        else {
-            error = bad + "expected DN, MC or RV";
-            return false;
-        }
-        return true;
+        case FieldType::String: config.*field.text = PLString::create(text); return true;
+        case FieldType::Advertising:
+            if (text == "DN")
+                config.advertising = Advertising::DN;
+            else if (text == "MC")
+                config.advertising = Advertising::MC;
+            else if (text == "RV")
+                config.advertising = Advertising::RV;
+            else {
+                error = bad + "expected DN, MC or RV";
+                return false;
+            }
+            return true;
     }
     return false;
 }
@@ -227,9 +217,10 @@ void addConfigCommands(CLI::App& app) {
     setCmd->add_option("KEY", setArgs->key, "The setting's key in the file (\"DaemonPort\", \"ServerName\", ...)")
         ->required();
     setCmd->add_option("VALUE", setArgs->value, "The new value")->required();
-    setCmd->footer("Booleans take true/false, yes/no or 1/0; numbers a 32-bit decimal integer;\n"
-                   "Advertising one of DN, MC, RV; the other keys any text. Keys: " +
-                   knownKeys() + ".");
+    setCmd->footer(
+        "Booleans take true/false, yes/no or 1/0; numbers a 32-bit decimal integer;\n"
+        "Advertising one of DN, MC, RV; the other keys any text. Keys: " +
+        knownKeys() + ".");
     setAction(setCmd, [setArgs] { return set(setArgs->key, setArgs->value); });
 }
 

@@ -1,9 +1,8 @@
 // quillctl config update
-#include "Commands.h"
-
-#include <quillcore/plist/QuillConfigUpdater.h>
-
 #include <iostream>
+
+#include "Commands.h"
+#include <quillcore/plist/QuillConfigUpdater.h>
 
 namespace quillctl {
 

@@ -1,14 +1,13 @@
 // quillctl digest [--progress] FILE...
-#include "Commands.h"
-
-#include <quillcore/util/CMessageDigest.h>
-
-#include <ferrocore/CException.h>
-
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+
 #include <unistd.h>
+
+#include "Commands.h"
+#include <ferrocore/CException.h>
+#include <quillcore/util/CMessageDigest.h>
 
 namespace quillctl {
 
@@ -53,8 +52,8 @@ void drawProgress(const std::string& file, std::int64_t done, std::int64_t total
     constexpr int kWidth = 30;
     const int percent = total > 0 ? static_cast<int>(done * 100 / total) : 100;
     const int filled = percent * kWidth / 100;
-    std::fprintf(stderr, "\r[%.*s%*s] %3d%% %s", filled, "##############################", kWidth - filled, "",
-                 percent, file.c_str());
+    std::fprintf(stderr, "\r[%.*s%*s] %3d%% %s", filled, "##############################", kWidth - filled, "", percent,
+                 file.c_str());
     std::fflush(stderr);
 }
 

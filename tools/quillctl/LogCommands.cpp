@@ -21,12 +21,6 @@
 //
 // Records are told apart by parsing, never by lines: a message may hold line
 // feeds and even the text "/>".
-#include "Commands.h"
-
-#include <ferrocore/CException.h>
-#include <ferrocore/CXMLService.h>
-#include <quillcore/logging/CQuillLogger.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -42,6 +36,11 @@
 #include <vector>
 
 #include <sys/stat.h>
+
+#include "Commands.h"
+#include <ferrocore/CException.h>
+#include <ferrocore/CXMLService.h>
+#include <quillcore/logging/CQuillLogger.h>
 
 namespace quillctl {
 
@@ -83,8 +82,7 @@ std::string unescapedMessage(const std::string& stored, unsigned level) {
     if (stored.find('%') == std::string::npos) return stored;
     std::string decoded;
     for (std::size_t i = 0; i < stored.size(); ++i) {
-        if (stored[i] == '%' && i + 2 < stored.size() && hexValue(stored[i + 1]) >= 0 &&
-            hexValue(stored[i + 2]) >= 0) {
+        if (stored[i] == '%' && i + 2 < stored.size() && hexValue(stored[i + 1]) >= 0 && hexValue(stored[i + 2]) >= 0) {
             decoded += static_cast<char>(hexValue(stored[i + 1]) * 16 + hexValue(stored[i + 2]));
             i += 2;
         } else {
@@ -227,9 +225,7 @@ private:
     std::size_t _pidWidth;
 };
 
-void writeOut(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-}
+void writeOut(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
 bool readWholeFile(const std::string& path, std::string& text) {
     std::ifstream file(path, std::ios::in | std::ios::binary);
@@ -371,9 +367,8 @@ int tail(const TailOptions& options) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         // Truncated or replaced: start again from the beginning.
         struct stat now {};
-        if (::stat(options.file.c_str(), &now) == 0 &&
-            (now.st_ino != opened.st_ino || now.st_dev != opened.st_dev ||
-             static_cast<std::uint64_t>(now.st_size) < offset)) {
+        if (::stat(options.file.c_str(), &now) == 0 && (now.st_ino != opened.st_ino || now.st_dev != opened.st_dev ||
+                                                        static_cast<std::uint64_t>(now.st_size) < offset)) {
             file.close();
             file.open(options.file, std::ios::in | std::ios::binary);
             opened = now;
@@ -414,8 +409,7 @@ void addLogCommands(CLI::App& app) {
     tailVerb->add_option("file", tailOptions->file, "Log file")->required();
     tailVerb->add_option("--lines,-n", tailOptions->lines, "Records shown from before (default 10)")
         ->check(CLI::NonNegativeNumber);
-    tailVerb->add_option("--count", tailOptions->count, "Stop after this many new records")
-        ->check(CLI::PositiveNumber);
+    tailVerb->add_option("--count", tailOptions->count, "Stop after this many new records")->check(CLI::PositiveNumber);
     setAction(tailVerb, [tailOptions] { return tail(*tailOptions); });
 }
 

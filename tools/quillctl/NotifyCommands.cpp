@@ -13,22 +13,22 @@
 //       when there is none): {"key": value, ...} with keys sorted, [..] for
 //       arrays, quoted strings, numbers, true/false, dates as @ISO-8601 and
 //       data as <hex>.
-#include "Commands.h"
-#include "ToolSupport.h"
-
-#include <quillcore/platform/NotificationCenter.h>
-#include <quillcore/platform/RunLoop.h>
-#include <quillcore/util/CTimeStamp.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <string>
+#include <vector>
+
 #include <sys/signalfd.h>
 #include <unistd.h>
-#include <vector>
+
+#include "Commands.h"
+#include "ToolSupport.h"
+#include <quillcore/platform/NotificationCenter.h>
+#include <quillcore/platform/RunLoop.h>
+#include <quillcore/util/CTimeStamp.h>
 
 namespace quillctl {
 
@@ -43,19 +43,19 @@ void appendQuoted(std::string& out, std::string_view text) {
     out += '"';
     for (unsigned char c : text) {
         switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (c < 0x20 || c == 0x7f) {
-                out += "\\u00";
-                out += kHex[c >> 4];
-                out += kHex[c & 15];
-            } else {
-                out += static_cast<char>(c);
-            }
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\n': out += "\\n"; break;
+            case '\r': out += "\\r"; break;
+            case '\t': out += "\\t"; break;
+            default:
+                if (c < 0x20 || c == 0x7f) {
+                    out += "\\u00";
+                    out += kHex[c >> 4];
+                    out += kHex[c & 15];
+                } else {
+                    out += static_cast<char>(c);
+                }
         }
     }
     out += '"';
@@ -63,76 +63,68 @@ void appendQuoted(std::string& out, std::string_view text) {
 
 void appendCompact(std::string& out, const PLObject* value) {
     switch (value->typeID()) {
-    case PLTypeID::String:
-        appendQuoted(out, static_cast<const PLString*>(value)->utf8());
-        break;
-    case PLTypeID::Number: {
-        auto* number = static_cast<const PLNumber*>(value);
-        char buf[64];
-        if (!number->isFloat()) {
-            auto end = std::to_chars(buf, buf + sizeof buf, number->int64Value()).ptr;
-            out.append(buf, end);
-        } else if (std::isnan(number->doubleValue())) {
-            out += "nan";
-        } else if (std::isinf(number->doubleValue())) {
-            out += number->doubleValue() < 0 ? "-inf" : "inf";
-        } else {
-            auto end = std::to_chars(buf, buf + sizeof buf, number->doubleValue()).ptr;
-            out.append(buf, end);
-            if (std::string_view(buf, static_cast<std::size_t>(end - buf)).find_first_of(".e") == std::string::npos)
-                out += ".0";
+        case PLTypeID::String: appendQuoted(out, static_cast<const PLString*>(value)->utf8()); break;
+        case PLTypeID::Number: {
+            auto* number = static_cast<const PLNumber*>(value);
+            char buf[64];
+            if (!number->isFloat()) {
+                auto end = std::to_chars(buf, buf + sizeof buf, number->int64Value()).ptr;
+                out.append(buf, end);
+            } else if (std::isnan(number->doubleValue())) {
+                out += "nan";
+            } else if (std::isinf(number->doubleValue())) {
+                out += number->doubleValue() < 0 ? "-inf" : "inf";
+            } else {
+                auto end = std::to_chars(buf, buf + sizeof buf, number->doubleValue()).ptr;
+                out.append(buf, end);
+                if (std::string_view(buf, static_cast<std::size_t>(end - buf)).find_first_of(".e") == std::string::npos)
+                    out += ".0";
+            }
+            break;
         }
-        break;
-    }
-    case PLTypeID::Boolean:
-        out += static_cast<const PLBoolean*>(value)->value() ? "true" : "false";
-        break;
-    case PLTypeID::Date:
-        out += "@" + isoDate(static_cast<const PLDate*>(value)->absoluteTime());
-        break;
-    case PLTypeID::Data: {
-        static constexpr char kHex[] = "0123456789abcdef";
-        auto* data = static_cast<const PLData*>(value);
-        out += '<';
-        for (std::size_t i = 0; i < data->size(); ++i) {
-            out += kHex[data->bytes()[i] >> 4];
-            out += kHex[data->bytes()[i] & 15];
+        case PLTypeID::Boolean: out += static_cast<const PLBoolean*>(value)->value() ? "true" : "false"; break;
+        case PLTypeID::Date: out += "@" + isoDate(static_cast<const PLDate*>(value)->absoluteTime()); break;
+        case PLTypeID::Data: {
+            static constexpr char kHex[] = "0123456789abcdef";
+            auto* data = static_cast<const PLData*>(value);
+            out += '<';
+            for (std::size_t i = 0; i < data->size(); ++i) {
+                out += kHex[data->bytes()[i] >> 4];
+                out += kHex[data->bytes()[i] & 15];
+            }
+            out += '>';
+            break;
         }
-        out += '>';
-        break;
-    }
-    case PLTypeID::URL:
-        out += static_cast<const PLURL*>(value)->text();
-        break;
-    case PLTypeID::Array: {
-        auto* array = static_cast<const PLArray*>(value);
-        out += '[';
-        for (std::size_t i = 0; i < array->count(); ++i) {
-            if (i) out += ", ";
-            appendCompact(out, array->at(i));
+        case PLTypeID::URL: out += static_cast<const PLURL*>(value)->text(); break;
+        case PLTypeID::Array: {
+            auto* array = static_cast<const PLArray*>(value);
+            out += '[';
+            for (std::size_t i = 0; i < array->count(); ++i) {
+                if (i) out += ", ";
+                appendCompact(out, array->at(i));
+            }
+            out += ']';
+            break;
         }
-        out += ']';
-        break;
-    }
-    case PLTypeID::Dictionary: {
-        std::vector<const PLDictionaryEntry*> entries;
-        for (const PLDictionaryEntry& entry : static_cast<const PLDictionary*>(value)->entries())
-            entries.push_back(&entry);
-        auto keyText = [](const PLDictionaryEntry* e) {
-            auto* key = PLDynamicCast<PLString>(e->first.get());
-            return key ? key->utf8() : std::string_view();
-        };
-        std::sort(entries.begin(), entries.end(), [&](auto* a, auto* b) { return keyText(a) < keyText(b); });
-        out += '{';
-        for (std::size_t i = 0; i < entries.size(); ++i) {
-            if (i) out += ", ";
-            appendCompact(out, entries[i]->first.get());
-            out += ": ";
-            appendCompact(out, entries[i]->second.get());
+        case PLTypeID::Dictionary: {
+            std::vector<const PLDictionaryEntry*> entries;
+            for (const PLDictionaryEntry& entry : static_cast<const PLDictionary*>(value)->entries())
+                entries.push_back(&entry);
+            auto keyText = [](const PLDictionaryEntry* e) {
+                auto* key = PLDynamicCast<PLString>(e->first.get());
+                return key ? key->utf8() : std::string_view();
+            };
+            std::sort(entries.begin(), entries.end(), [&](auto* a, auto* b) { return keyText(a) < keyText(b); });
+            out += '{';
+            for (std::size_t i = 0; i < entries.size(); ++i) {
+                if (i) out += ", ";
+                appendCompact(out, entries[i]->first.get());
+                out += ": ";
+                appendCompact(out, entries[i]->second.get());
+            }
+            out += '}';
+            break;
         }
-        out += '}';
-        break;
-    }
     }
 }
 
@@ -175,8 +167,8 @@ int post(const PostOptions& options) {
         }
         auto* dict = PLDynamicCast<PLDictionary>(plist.get());
         if (!dict) {
-            printError(options.infoFile + ": the user information must be a dictionary (found: " +
-                       PLTypeName(plist->typeID()) + ")");
+            printError(options.infoFile +
+                       ": the user information must be a dictionary (found: " + PLTypeName(plist->typeID()) + ")");
             return 1;
         }
         info = PLDictionaryCreateMutableCopy(dict);
@@ -232,14 +224,14 @@ int watch(const WatchOptions& options) {
     auto sender = options.hasSender ? PLString::create(options.sender) : nullptr;
     int token = 0;
     notificationCenter().addObserver(&token, quill::platform::NotificationHandler([&](const CNotification& n) {
-                                         std::string line = formatNotification(n);
-                                         std::fwrite(line.data(), 1, line.size(), stdout);
-                                         std::fflush(stdout);
-                                         if (options.count > 0 && ++seen >= options.count) {
-                                             done = true;
-                                             loop.stop();
-                                         }
-                                     }),
+        std::string line = formatNotification(n);
+        std::fwrite(line.data(), 1, line.size(), stdout);
+        std::fflush(stdout);
+        if (options.count > 0 && ++seen >= options.count) {
+            done = true;
+            loop.stop();
+        }
+    }),
                                      name.get(), sender.get());
     while (!done) loop.runFor(3600.0);
     notificationCenter().removeObserver(&token);

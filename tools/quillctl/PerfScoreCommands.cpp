@@ -1,15 +1,14 @@
 // quillctl perfscore, quillctl frameworks
-#include "Commands.h"
-
-#include <quillcore/control/FrameworkPaths.h>
-#include <quillcore/platform/Host.h>
-#include <quillcore/plist/CHostPerfScoreFile.h>
-
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
+
+#include "Commands.h"
+#include <quillcore/control/FrameworkPaths.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/plist/CHostPerfScoreFile.h>
 
 namespace quillctl {
 
@@ -71,8 +70,9 @@ void addPerfScoreCommands(CLI::App& app) {
     auto file = std::make_shared<std::string>();
     CLI::App* scoreCmd = app.add_subcommand("perfscore", "Print the processor facts and the host performance score");
     scoreCmd->add_option("--file", *file, "The configuration file to read the factors from (default: under HOME)");
-    scoreCmd->footer("score = clock speed (GHz) x processors x the factor of the processor type, from the\n"
-                     "\"hostperfscore\" section's \"CPUTypes\" entry.");
+    scoreCmd->footer(
+        "score = clock speed (GHz) x processors x the factor of the processor type, from the\n"
+        "\"hostperfscore\" section's \"CPUTypes\" entry.");
     setAction(scoreCmd, [file] { return perfScore(*file); });
 
     CLI::App* frameworksCmd =

@@ -1,10 +1,5 @@
 // quillctl pids [KEY]: the process IDs recorded in the current user's PID
 // file, with their attributes and whether each process still exists.
-#include "Commands.h"
-
-#include <quillcore/platform/ProcessSpawner.h>
-#include <quillcore/plist/CServicePIDFile.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -13,6 +8,10 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include "Commands.h"
+#include <quillcore/platform/ProcessSpawner.h>
+#include <quillcore/plist/CServicePIDFile.h>
 
 namespace quillctl {
 
@@ -105,8 +104,9 @@ void addPidCommands(CLI::App& app) {
     auto key = std::make_shared<std::string>();
     CLI::App* pidsCmd = app.add_subcommand("pids", "List the process IDs recorded in the PID file under HOME");
     pidsCmd->add_option("KEY", *key, "Only the processes of this service key (for example corvaned)");
-    pidsCmd->footer("Each process is marked alive when it still exists (also when it belongs to\n"
-                    "another user), else gone, followed by its recorded Kind, Name and Version.");
+    pidsCmd->footer(
+        "Each process is marked alive when it still exists (also when it belongs to\n"
+        "another user), else gone, followed by its recorded Kind, Name and Version.");
     setAction(pidsCmd, [key] { return pids(*key); });
 }
 

@@ -1,18 +1,16 @@
 // quillctl plist lint | print | get | set | delete
-#include "Commands.h"
-#include "ToolSupport.h"
-
-#include <quillcore/platform/PLPropertyList.h>
-#include <quillcore/plist/CPropertyListBasicFile.h>
-
-#include <ferrocore/CException.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include <unistd.h>
+
+#include "Commands.h"
+#include "ToolSupport.h"
+#include <ferrocore/CException.h>
+#include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/plist/CPropertyListBasicFile.h>
 
 namespace quillctl {
 
@@ -122,8 +120,8 @@ void addPlistCommands(CLI::App& app) {
     plist->require_subcommand(1);
 
     auto files = std::make_shared<std::vector<std::string>>();
-    CLI::App* lintCmd = plist->add_subcommand(
-        "lint", "Check that each FILE is a readable property list (XML or binary)");
+    CLI::App* lintCmd =
+        plist->add_subcommand("lint", "Check that each FILE is a readable property list (XML or binary)");
     lintCmd->add_option("FILE", *files, "Property-list files")->required();
     setAction(lintCmd, [files] { return lint(*files); });
 

@@ -8,13 +8,6 @@
 // cannot tell the two apart, so quillctl watches the wait itself).
 // SIGINT, SIGTERM and SIGHUP sent to quillctl are passed on to the program as
 // SIGTERM, and quillctl waits for it to end.
-#include "Commands.h"
-
-#include <quillcore/platform/ProcessSpawner.h>
-#include <quillcore/process/CTask.h>
-#include <quillcore/process/CTask2.h>
-#include <quillcore/process/CUserTask.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -30,6 +23,12 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "Commands.h"
+#include <quillcore/platform/ProcessSpawner.h>
+#include <quillcore/process/CTask.h>
+#include <quillcore/process/CTask2.h>
+#include <quillcore/process/CUserTask.h>
 
 extern char** environ;
 
@@ -197,9 +196,9 @@ void addRunCommands(CLI::App& app) {
     CLI::Option* pty = cmd->add_flag("--pty", options->pty,
                                      "Give the program a pseudo-terminal as input; print its output and errors "
                                      "when it ends");
-    cmd->add_option("--user", options->user, "Run the program as this user (name or ID; needs root)")
-        ->excludes(pty);
-    cmd->add_option("PROGRAM", options->command, "The program (searched in PATH when it has no \"/\") and its arguments")
+    cmd->add_option("--user", options->user, "Run the program as this user (name or ID; needs root)")->excludes(pty);
+    cmd->add_option("PROGRAM", options->command,
+                    "The program (searched in PATH when it has no \"/\") and its arguments")
         ->required();
     cmd->positionals_at_end();
     setAction(cmd, [options] { return run(*options); });

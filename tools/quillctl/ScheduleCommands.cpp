@@ -1,18 +1,16 @@
 // quillctl schedule check FILE [--key KEYPATH] [--at "YYYY-MM-DD HH:MM:SS"]
-#include "Commands.h"
-#include "ToolSupport.h"
-
-#include <quillcore/platform/Host.h>
-#include <quillcore/schedule/CServiceSchedule.h>
-
-#include <ferrocore/CSharedObject.h>
-
 #include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <memory>
 #include <optional>
+
+#include "Commands.h"
+#include "ToolSupport.h"
+#include <ferrocore/CSharedObject.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/schedule/CServiceSchedule.h>
 
 namespace quillctl {
 
@@ -43,8 +41,7 @@ bool parseField(const std::string& text, std::size_t at, std::size_t width, int&
 // A local time in exactly the form kLocalTimeFormat, checked against the
 // calendar; nullopt when the text is anything else.
 std::optional<PLAbsoluteTime> parseLocalTime(const std::string& text) {
-    if (text.size() != 19 || text[4] != '-' || text[7] != '-' || text[10] != ' ' || text[13] != ':' ||
-        text[16] != ':')
+    if (text.size() != 19 || text[4] != '-' || text[7] != '-' || text[10] != ' ' || text[13] != ':' || text[16] != ':')
         return std::nullopt;
     int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
     if (!parseField(text, 0, 4, year) || !parseField(text, 5, 2, month) || !parseField(text, 8, 2, day) ||
@@ -114,8 +111,8 @@ int check(const CheckOptions& options) {
     const std::string where = options.keyPath.empty() ? std::string("the root") : options.keyPath;
     const PLDictionary* dict = PLDynamicCast<PLDictionary>(value);
     if (!dict) {
-        printError(options.file + ": " + where + " is not a schedule dictionary (found " +
-                   PLTypeName(value->typeID()) + ")");
+        printError(options.file + ": " + where + " is not a schedule dictionary (found " + PLTypeName(value->typeID()) +
+                   ")");
         return 1;
     }
     // An empty dictionary is the all-day "On" schedule; a dictionary with
@@ -136,8 +133,7 @@ int check(const CheckOptions& options) {
     const bool onLine = schedule->isOnLine();
     const PLAbsoluteTime next = schedule->nextTransition();
     std::printf("%s\n", onLine ? "on line" : "off line");
-    std::printf("next transition: %s\n",
-                next == schedule->distantFuture() ? "never" : formatLocalTime(next).c_str());
+    std::printf("next transition: %s\n", next == schedule->distantFuture() ? "never" : formatLocalTime(next).c_str());
     return 0;
 }
 
@@ -146,11 +142,12 @@ void addScheduleCommands(CLI::App& app) {
     schedule->require_subcommand(1);
 
     auto options = std::make_shared<CheckOptions>();
-    CLI::App* checkCmd = schedule->add_subcommand(
-        "check", "Print whether the schedule in FILE is on line, and its next transition");
+    CLI::App* checkCmd =
+        schedule->add_subcommand("check", "Print whether the schedule in FILE is on line, and its next transition");
     checkCmd->add_option("FILE", options->file, "Property-list file (XML or binary)")->required();
-    checkCmd->add_option("--key", options->keyPath,
-                         std::string("Key path of the schedule dictionary when it is not the root. ") + keyPathHelp())
+    checkCmd
+        ->add_option("--key", options->keyPath,
+                     std::string("Key path of the schedule dictionary when it is not the root. ") + keyPathHelp())
         ->type_name("KEYPATH");
     CLI::Option* at = checkCmd->add_option("--at", "Evaluate at this local time instead of now")
                           ->type_name("\"YYYY-MM-DD HH:MM:SS\"");

@@ -1,15 +1,14 @@
 // quillctl services list | show: the service cache of the current user (the
 // "corvaneservices" section of the shared configuration file under HOME).
-#include "Commands.h"
-#include "ToolSupport.h"
-
-#include <quillcore/plist/CServiceCacheFile.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "Commands.h"
+#include "ToolSupport.h"
+#include <quillcore/plist/CServiceCacheFile.h>
 
 namespace quillctl {
 
@@ -90,7 +89,8 @@ int show(const std::string& kind) {
 
     printLine("Kind", kind);
     printLine("Enabled", yesNo(entry.enabled()));
-    printLine("Instances", configuredInstances(cache.readPropertyList().get(), entry.name()) + " (real " + std::to_string(entry.instances()) + ")");
+    printLine("Instances", configuredInstances(cache.readPropertyList().get(), entry.name()) + " (real " +
+                               std::to_string(entry.instances()) + ")");
     printLine("DisplayName", text(entry.displayName()));
     printLine("NetworkName", text(entry.networkName()));
     printLine("Description", text(entry.description()));
@@ -125,7 +125,8 @@ int show(const std::string& kind) {
     } else {
         std::printf("UserPrefs\n");
         std::vector<std::pair<std::string, std::string>> lines;
-        for (const auto& [key, value] : prefs->entries()) lines.emplace_back(formatted(key.get()), formatted(value.get()));
+        for (const auto& [key, value] : prefs->entries())
+            lines.emplace_back(formatted(key.get()), formatted(value.get()));
         std::sort(lines.begin(), lines.end());
         for (const auto& [key, value] : lines) std::printf("  %s = %s\n", key.c_str(), value.c_str());
     }
@@ -137,8 +138,9 @@ void addServiceCommands(CLI::App& app) {
     services->require_subcommand(1);
 
     CLI::App* listCmd = services->add_subcommand("list", "One line per installed service");
-    listCmd->footer("INSTANCES is the count as configured (negative: one instance per that many\n"
-                    "processors); REAL is the count on this host.");
+    listCmd->footer(
+        "INSTANCES is the count as configured (negative: one instance per that many\n"
+        "processors); REAL is the count on this host.");
     setAction(listCmd, [] { return list(); });
 
     auto kind = std::make_shared<std::string>();

@@ -1,7 +1,5 @@
 #include "ToolSupport.h"
 
-#include <quillcore/platform/PLPropertyList.h>
-
 #include <cctype>
 #include <cerrno>
 #include <charconv>
@@ -10,6 +8,8 @@
 #include <ctime>
 #include <fstream>
 #include <sstream>
+
+#include <quillcore/platform/PLPropertyList.h>
 
 namespace quillctl {
 
@@ -138,8 +138,8 @@ const PLObject* resolveKeyPath(const PLObject* root, const std::string& keyPath,
             node = array->at(index);
             ++i;
         } else {
-            *error = (walked.empty() ? std::string("the top value") : walked) + " is a " +
-                     PLTypeName(node->typeID()) + ", not a dictionary or array";
+            *error = (walked.empty() ? std::string("the top value") : walked) + " is a " + PLTypeName(node->typeID()) +
+                     ", not a dictionary or array";
             return nullptr;
         }
     }
@@ -148,11 +148,11 @@ const PLObject* resolveKeyPath(const PLObject* root, const std::string& keyPath,
 
 namespace {
 
-bool isContainer(const PLObject* value) {
-    return PLDictionary::matches(*value) || PLArray::matches(*value);
-}
+bool isContainer(const PLObject* value) { return PLDictionary::matches(*value) || PLArray::matches(*value); }
 
-std::string joined(const std::string& walked, const std::string& key) { return walked.empty() ? key : walked + "." + key; }
+std::string joined(const std::string& walked, const std::string& key) {
+    return walked.empty() ? key : walked + "." + key;
+}
 
 // A chain of new dictionaries holding `value` at parts[i...].
 PLHolder<const PLObject> newBranch(const std::vector<std::string>& parts, std::size_t i, const PLObject* value) {
@@ -392,33 +392,24 @@ std::string isoDate(double absoluteTime) {
 bool formatValue(const PLObject* value, std::string& out, std::string* error) {
     char num[64];
     switch (value->typeID()) {
-    case PLTypeID::String:
-        out += static_cast<const PLString*>(value)->utf8();
-        break;
-    case PLTypeID::Number: {
-        auto* n = static_cast<const PLNumber*>(value);
-        auto r = n->isFloat() ? std::to_chars(num, num + sizeof num, n->doubleValue())
-                              : std::to_chars(num, num + sizeof num, n->int64Value());
-        out.append(num, r.ptr);
-        break;
-    }
-    case PLTypeID::Boolean:
-        out += static_cast<const PLBoolean*>(value)->value() ? "true" : "false";
-        break;
-    case PLTypeID::Date:
-        out += isoDate(static_cast<const PLDate*>(value)->absoluteTime());
-        break;
-    case PLTypeID::Data: {
-        auto* d = static_cast<const PLData*>(value);
-        out += base64(d->bytes(), d->size());
-        break;
-    }
-    case PLTypeID::URL:
-        out += static_cast<const PLURL*>(value)->text();
-        break;
-    case PLTypeID::Array:
-    case PLTypeID::Dictionary:
-        return PLPropertyListWriteXML(value, out, error);
+        case PLTypeID::String: out += static_cast<const PLString*>(value)->utf8(); break;
+        case PLTypeID::Number: {
+            auto* n = static_cast<const PLNumber*>(value);
+            auto r = n->isFloat() ? std::to_chars(num, num + sizeof num, n->doubleValue())
+                                  : std::to_chars(num, num + sizeof num, n->int64Value());
+            out.append(num, r.ptr);
+            break;
+        }
+        case PLTypeID::Boolean: out += static_cast<const PLBoolean*>(value)->value() ? "true" : "false"; break;
+        case PLTypeID::Date: out += isoDate(static_cast<const PLDate*>(value)->absoluteTime()); break;
+        case PLTypeID::Data: {
+            auto* d = static_cast<const PLData*>(value);
+            out += base64(d->bytes(), d->size());
+            break;
+        }
+        case PLTypeID::URL: out += static_cast<const PLURL*>(value)->text(); break;
+        case PLTypeID::Array:
+        case PLTypeID::Dictionary: return PLPropertyListWriteXML(value, out, error);
     }
     out += '\n';
     return true;

@@ -1,10 +1,10 @@
 // Helpers shared by the quillctl verbs.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-
 #include <string>
 #include <vector>
+
+#include <quillcore/platform/PLObject.h>
 
 namespace quillctl {
 

@@ -1,10 +1,9 @@
 // quillctl version
-#include "Commands.h"
-
-#include <quillcore/control/QuillCoreVersion.h>
-
 #include <cstdio>
 #include <cstring>
+
+#include "Commands.h"
+#include <quillcore/control/QuillCoreVersion.h>
 
 namespace quillctl {
 

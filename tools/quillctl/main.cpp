@@ -1,8 +1,8 @@
 // quillctl — inspect and drive QuillCore from the shell.
-#include "Commands.h"
-
 #include <cstdio>
 #include <map>
+
+#include "Commands.h"
 
 namespace quillctl {
 

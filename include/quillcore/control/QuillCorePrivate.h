@@ -22,10 +22,10 @@
 // be read from any thread.
 #pragma once
 
+#include <cstdint>
+
 #include <quillcore/export.h>
 #include <quillcore/platform/PLObject.h>
-
-#include <cstdint>
 
 namespace quill::QuillCorePrivate {
 

@@ -19,6 +19,14 @@
 // the same stream between two of them, so write a whole record in one chain.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+
 #include <ferrocore/CMutex.h>
 #include <ferrocore/CSharedObject.h>
 #include <ferrocore/CString.h>
@@ -27,14 +35,6 @@
 #include <ferrocore/ThreadAnnotations.h>
 #include <quillcore/export.h>
 #include <quillcore/platform/NotificationCenter.h>
-
-#include <atomic>
-#include <cstdint>
-#include <fstream>
-#include <memory>
-#include <ostream>
-#include <string>
-#include <string_view>
 
 namespace quill {
 
@@ -131,8 +131,7 @@ public:
     // names: that is allowed), else percent-escaped ("a < b" becomes
     // "a %3C b"), else its attribute-safe copy. Null stays null. Never
     // throws.
-    static ferrocore::CStringRef escapedString(const ferrocore::CStringRef& message,
-                                               unsigned level = kDefaultLogLevel);
+    static ferrocore::CStringRef escapedString(const ferrocore::CStringRef& message, unsigned level = kDefaultLogLevel);
 
     // The whole log file as one parsable document: its text followed by
     // "</logs>\n" (nothing is added to an empty file). When the logger does
@@ -155,8 +154,8 @@ protected:
 
     // The prefs-changed handler (a notification-centre callback; `observer`
     // is the logger).
-    static void quillPrefsChanged(PLNotificationCenterRef center, void* observer, PLStringRef name,
-                                  PLStringRef object, PLDictionaryRef userInfo);
+    static void quillPrefsChanged(PLNotificationCenterRef center, void* observer, PLStringRef name, PLStringRef object,
+                                  PLDictionaryRef userInfo);
 
 private:
     class LogFile;
@@ -320,7 +319,7 @@ private:
     std::string _record;
     std::size_t _headLength = 0;
     unsigned _recordLevel = kDefaultLogLevel;  // the level in the head
-    std::string _escaped;  // scratch for records that need escaping
+    std::string _escaped;                      // scratch for records that need escaping
     std::unique_ptr<RecordBuffer> _recordBuffer;
     std::unique_ptr<std::ostream> _formatter;
 };

@@ -29,13 +29,13 @@
 // an empty result.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-#include <quillcore/platform/export.h>
-
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <quillcore/platform/PLObject.h>
+#include <quillcore/platform/export.h>
 
 namespace quill::platform {
 

@@ -16,9 +16,6 @@
 // through their results and throw only std::bad_alloc.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-#include <quillcore/platform/export.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -27,17 +24,20 @@
 #include <system_error>
 #include <vector>
 
+#include <quillcore/platform/PLObject.h>
+#include <quillcore/platform/export.h>
+
 namespace quill::platform {
 
 // A moment on the Gregorian calendar in the system time zone.
 struct CCalendarDate {
     std::int32_t year = 2001;
-    std::int32_t month = 1;   // 1 ... 12
-    std::int32_t day = 1;     // 1 ... 31
-    std::int32_t hour = 0;    // 0 ... 23
-    std::int32_t minute = 0;  // 0 ... 59
-    double second = 0.0;      // 0 ... below 61 (fraction included)
-    std::int32_t weekday = 1; // 1 = Monday ... 7 = Sunday
+    std::int32_t month = 1;    // 1 ... 12
+    std::int32_t day = 1;      // 1 ... 31
+    std::int32_t hour = 0;     // 0 ... 23
+    std::int32_t minute = 0;   // 0 ... 59
+    double second = 0.0;       // 0 ... below 61 (fraction included)
+    std::int32_t weekday = 1;  // 1 = Monday ... 7 = Sunday
 };
 
 // The limit on open files of the process. Both values use kUnlimited for
@@ -274,8 +274,7 @@ public:
     std::error_code writeFileAt(int fd, std::uint64_t offset, const void* data, std::size_t size,
                                 std::size_t& written) override;
     std::error_code truncateFile(int fd, std::uint64_t length) override;
-    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
-                                         int& fd) override;
+    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode, int& fd) override;
     std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) override;
     std::error_code fileSystemStatus(const std::string& path) override;
     std::error_code fileMode(const std::string& path, std::uint32_t& mode) override;

@@ -40,9 +40,6 @@
 // and the centre writes one line to the console log.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-#include <quillcore/platform/export.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -50,6 +47,9 @@
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include <quillcore/platform/PLObject.h>
+#include <quillcore/platform/export.h>
 
 namespace quill::platform {
 class CNotificationCenter;

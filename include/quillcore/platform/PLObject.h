@@ -24,8 +24,6 @@
 // container into itself (directly or through others) is not supported.
 #pragma once
 
-#include <quillcore/platform/export.h>
-
 #include <atomic>
 #include <concepts>
 #include <cstddef>
@@ -36,6 +34,8 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <quillcore/platform/export.h>
 
 enum class PLTypeID : std::uint8_t {
     String = 1,
@@ -117,7 +117,9 @@ public:
     PLHolder(const PLHolder& other) noexcept : _ptr(other._ptr) { retainPtr(); }
     PLHolder(PLHolder&& other) noexcept : _ptr(std::exchange(other._ptr, nullptr)) {}
     template <class U>
-    PLHolder(const PLHolder<U>& other) noexcept : _ptr(other.get()) { retainPtr(); }
+    PLHolder(const PLHolder<U>& other) noexcept : _ptr(other.get()) {
+        retainPtr();
+    }
     template <class U>
     PLHolder(PLHolder<U>&& other) noexcept : _ptr(other.detach()) {}
     ~PLHolder() { releasePtr(); }
@@ -191,7 +193,7 @@ template <class T>
 T* PLMutableCast(const PLObject* object) noexcept {
     static_assert(!std::is_const_v<T>, "PLMutableCast yields a changeable value");
     return object && object->isMutable() && T::matches(*object) ? static_cast<T*>(const_cast<PLObject*>(object))
-                                                                 : nullptr;
+                                                                : nullptr;
 }
 
 // Null-tolerant value equality.
@@ -265,11 +267,12 @@ public:
 //   // source:
 //   PL_CONSTANT_STRING_STORAGE(kDictKeyNameStorage, "Name");
 //   const PLString* const kDictKeyName = &kDictKeyNameStorage;
-#define PL_CONSTANT_STRING_STORAGE(storage, text) constinit const PLConstantString storage{text}
+#define PL_CONSTANT_STRING_STORAGE(storage, text) \
+    constinit const PLConstantString storage { text }
 
 // Defines a file-local constant `name` of type `const PLString*` (and its
 // storage, `name##Storage`). Namespace scope only.
-#define PL_CONSTANT_STRING(name, text)             \
+#define PL_CONSTANT_STRING(name, text)               \
     PL_CONSTANT_STRING_STORAGE(name##Storage, text); \
     constexpr const PLString* name = &name##Storage
 
@@ -287,8 +290,8 @@ public:
     // Any other integer type: the smallest integer kind that holds the value;
     // unsigned values above the 64-bit signed range become doubles.
     template <std::integral I>
-        requires(!std::same_as<I, bool> && !std::same_as<I, std::int32_t> && !std::same_as<I, std::int64_t>)
-    static PLHolder<const PLNumber> create(I value) {
+    requires(!std::same_as<I, bool> && !std::same_as<I, std::int32_t> &&
+             !std::same_as<I, std::int64_t>) static PLHolder<const PLNumber> create(I value) {
         if constexpr (std::is_unsigned_v<I>) {
             if (value > static_cast<std::make_unsigned_t<std::int64_t>>(std::numeric_limits<std::int64_t>::max()))
                 return create(static_cast<double>(value));
@@ -597,8 +600,8 @@ using PLMutableDictionaryRef = PLMutableDictionary*;
 // ---------------------------------------------------------------- copies
 
 enum class PLMutability : std::uint8_t {
-    Immutable,            // nothing mutable
-    MutableContainers,    // arrays and dictionaries mutable
+    Immutable,                   // nothing mutable
+    MutableContainers,           // arrays and dictionaries mutable
     MutableContainersAndLeaves,  // strings and data mutable too (dictionary keys stay immutable)
 };
 
@@ -614,4 +617,4 @@ QUILL_PLATFORM_EXPORT PLHolder<PLMutableDictionary> PLDictionaryCreateMutable(st
 // mutable in the original; immutable leaves (and URLs, numbers, dates,
 // booleans) are shared, since they cannot change.
 QUILL_PLATFORM_EXPORT PLHolder<const PLObject> PLPropertyListCreateDeepCopy(const PLObject* plist,
-                                                                           PLMutability mutability);
+                                                                            PLMutability mutability);

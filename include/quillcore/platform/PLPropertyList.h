@@ -56,18 +56,19 @@
 // std::bad_alloc.
 #pragma once
 
-#include <quillcore/platform/PLObject.h>
-
 #include <string>
+
+#include <quillcore/platform/PLObject.h>
 
 enum class PLPropertyListFormat : std::uint8_t { XML = 1, Binary = 2 };
 
 // Parses a property list held in memory. On failure returns null and, when
 // `errorDescription` is given, stores the reason there. `format`, when given,
 // receives the format that was read (or tried).
-QUILL_PLATFORM_EXPORT PLHolder<const PLObject> PLPropertyListCreateFromBytes(
-    const void* bytes, std::size_t size, PLMutability mutability, std::string* errorDescription,
-    PLPropertyListFormat* format = nullptr);
+QUILL_PLATFORM_EXPORT PLHolder<const PLObject> PLPropertyListCreateFromBytes(const void* bytes, std::size_t size,
+                                                                             PLMutability mutability,
+                                                                             std::string* errorDescription,
+                                                                             PLPropertyListFormat* format = nullptr);
 
 // The same over a data value (either format). The error description is a new
 // string value (null on success), suited to "%@" in messages.

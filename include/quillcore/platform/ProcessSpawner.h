@@ -22,8 +22,6 @@
 // std::bad_alloc; failures are reported through results.
 #pragma once
 
-#include <quillcore/platform/export.h>
-
 #include <concepts>
 #include <cstdint>
 #include <memory>
@@ -31,6 +29,8 @@
 #include <system_error>
 #include <type_traits>
 #include <utility>
+
+#include <quillcore/platform/export.h>
 
 namespace quill::platform {
 
@@ -79,8 +79,9 @@ enum class ChildMemory : std::uint8_t {
 class CChildSetup {
 public:
     template <class F>
-        requires(!std::same_as<std::remove_cvref_t<F>, CChildSetup> && std::is_invocable_r_v<int, F&>)
-    CChildSetup(F&& setup) noexcept  // NOLINT: implicit by design, like a function reference
+    requires(!std::same_as<std::remove_cvref_t<F>, CChildSetup> && std::is_invocable_r_v<int, F&>)
+        CChildSetup(F&& setup)
+    noexcept  // NOLINT: implicit by design, like a function reference
         : _object(const_cast<void*>(static_cast<const void*>(std::addressof(setup)))),
           _call([](void* object) -> int { return (*static_cast<std::remove_reference_t<F>*>(object))(); }) {}
 
@@ -105,8 +106,8 @@ public:
     // result, respectively the exec's errno value, as its exit status. Signal
     // handlers installed by the parent are not run in a Shared child. The
     // vectors must stay valid and unchanged for the duration of the call.
-    virtual CSpawnResult spawn(const char* path, const char* const* argv, const char* const* envp,
-                               CChildSetup setup, ChildMemory memory) = 0;
+    virtual CSpawnResult spawn(const char* path, const char* const* argv, const char* const* envp, CChildSetup setup,
+                               ChildMemory memory) = 0;
 
     // Blocks until the child `processID` ends (stopped children are not
     // reported) and reaps it; retries when interrupted by a signal. On
@@ -184,8 +185,7 @@ QUILL_PLATFORM_EXPORT IProcessSpawner* setProcessSpawner(IProcessSpawner* substi
 // one back. Scopes must end in the reverse order of their creation.
 class QUILL_PLATFORM_EXPORT CScopedProcessSpawner final {
 public:
-    explicit CScopedProcessSpawner(IProcessSpawner& substitute) noexcept
-        : _previous(setProcessSpawner(&substitute)) {}
+    explicit CScopedProcessSpawner(IProcessSpawner& substitute) noexcept : _previous(setProcessSpawner(&substitute)) {}
     ~CScopedProcessSpawner() { setProcessSpawner(_previous); }
     CScopedProcessSpawner(const CScopedProcessSpawner&) = delete;
     CScopedProcessSpawner& operator=(const CScopedProcessSpawner&) = delete;

@@ -21,11 +21,11 @@
 // one line to the console log (through the host seam), then carries on.
 #pragma once
 
-#include <quillcore/platform/export.h>
-
 #include <functional>
 #include <memory>
 #include <utility>
+
+#include <quillcore/platform/export.h>
 
 namespace quill::platform {
 
@@ -163,7 +163,7 @@ public:
     // errors). The callback runs when the descriptor is ready. Removed when the
     // handle goes away.
     [[nodiscard]] CFileDescriptorSource addFileDescriptorSource(int fd, unsigned events,
-                                                               FileDescriptorCallback callback);
+                                                                FileDescriptorCallback callback);
 
 private:
     CRunLoop();

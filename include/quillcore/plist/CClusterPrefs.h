@@ -25,10 +25,10 @@
 // Exceptions: only std::bad_alloc.
 #pragma once
 
+#include <cstdint>
+
 #include <quillcore/export.h>
 #include <quillcore/platform/PLObject.h>
-
-#include <cstdint>
 
 namespace quill {
 

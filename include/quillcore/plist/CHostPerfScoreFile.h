@@ -44,12 +44,12 @@
 // time.
 #pragma once
 
+#include <cstdint>
+#include <string_view>
+
 #include <quillcore/export.h>
 #include <quillcore/platform/PLObject.h>
 #include <quillcore/plist/CPropertyListFile.h>
-
-#include <cstdint>
-#include <string_view>
 
 namespace quill {
 

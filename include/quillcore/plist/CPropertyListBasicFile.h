@@ -59,25 +59,24 @@
 // file, error = No space left on device". std::bad_alloc passes through.
 #pragma once
 
-#include <quillcore/export.h>
-#include <quillcore/platform/PLObject.h>
-
-#include <ferrocore/CSharedObject.h>
-
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
 
+#include <ferrocore/CSharedObject.h>
+#include <quillcore/export.h>
+#include <quillcore/platform/PLObject.h>
+
 namespace quill {
 
 class QUILL_EXPORT CPropertyListBasicFile {
 public:
     // Open modes of COpenFile and lock modes of the two-argument constructor.
-    static constexpr std::int32_t kOpenModeRead = 1;        // read-only, shared lock
-    static constexpr std::int32_t kOpenModeReadWrite = 2;   // read-write, exclusive lock, created 0600
-    static constexpr std::int32_t kOpenModeAdopted = 99;    // a descriptor handed in, no path
+    static constexpr std::int32_t kOpenModeRead = 1;       // read-only, shared lock
+    static constexpr std::int32_t kOpenModeReadWrite = 2;  // read-write, exclusive lock, created 0600
+    static constexpr std::int32_t kOpenModeAdopted = 99;   // a descriptor handed in, no path
 
     class COpenFile;
     class CFileLockMonitor;

@@ -25,14 +25,14 @@
 // throw only what T's operations and memory allocation throw.
 #pragma once
 
-#include <quillcore/plist/CPropertyListBasicFile.h>
-
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <quillcore/plist/CPropertyListBasicFile.h>
 
 namespace quill {
 
@@ -47,10 +47,10 @@ inline std::string_view nameText(PLStringRef name) noexcept { return name ? name
 
 template <class T>
 concept PropertyListEntry = std::copyable<T> && std::constructible_from<T, PLStringRef, PLDictionaryRef> &&
-                            requires(const T& entry) {
-                                { plistdetail::entryName(entry.name()) } -> std::same_as<PLStringRef>;
-                                { entry.toDict().get() } -> std::convertible_to<PLDictionaryRef>;
-                            };
+    requires(const T& entry) {
+    { plistdetail::entryName(entry.name()) } -> std::same_as<PLStringRef>;
+    { entry.toDict().get() } -> std::convertible_to<PLDictionaryRef>;
+};
 
 template <PropertyListEntry T>
 class CPropertyListFile : public CPropertyListBasicFile {

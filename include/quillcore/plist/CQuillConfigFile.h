@@ -57,11 +57,11 @@
 // refresh flush() refuses to write. A missing file yields the defaults.
 #pragma once
 
+#include <cstdint>
+
 #include <quillcore/export.h>
 #include <quillcore/platform/PLObject.h>
 #include <quillcore/plist/CPropertyListBasicFile.h>
-
-#include <cstdint>
 
 namespace quill {
 

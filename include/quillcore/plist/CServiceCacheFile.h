@@ -55,11 +55,11 @@
 // ferrocore::CException values of CPropertyListBasicFile.
 #pragma once
 
+#include <cstdint>
+
 #include <quillcore/export.h>
 #include <quillcore/platform/PLObject.h>
 #include <quillcore/plist/CPropertyListFile.h>
-
-#include <cstdint>
 
 namespace quill {
 

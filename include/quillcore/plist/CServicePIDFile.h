@@ -30,12 +30,12 @@
 // is made.
 #pragma once
 
+#include <cstdint>
+#include <vector>
+
 #include <quillcore/export.h>
 #include <quillcore/platform/PLObject.h>
 #include <quillcore/plist/CPropertyListBasicFile.h>
-
-#include <cstdint>
-#include <vector>
 
 namespace quill {
 

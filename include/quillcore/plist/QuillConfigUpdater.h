@@ -39,13 +39,13 @@
 // output stream (if it throws) pass through everywhere.
 #pragma once
 
-#include <quillcore/export.h>
-#include <quillcore/platform/PLObject.h>
-
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <string_view>
+
+#include <quillcore/export.h>
+#include <quillcore/platform/PLObject.h>
 
 namespace quill {
 

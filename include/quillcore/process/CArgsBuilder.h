@@ -15,14 +15,13 @@
 // there; nothing else throws.
 #pragma once
 
-#include <quillcore/export.h>
-
-#include <ferrocore/CString.h>
-#include <quillcore/platform/PLObject.h>
-
 #include <cstdint>
 #include <memory>
 #include <vector>
+
+#include <ferrocore/CString.h>
+#include <quillcore/export.h>
+#include <quillcore/platform/PLObject.h>
 
 namespace quill {
 

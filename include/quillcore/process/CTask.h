@@ -43,14 +43,13 @@
 // mutex); launch() reports failures through its result; nothing else throws.
 #pragma once
 
-#include <quillcore/export.h>
-#include <quillcore/process/CArgsBuilder.h>
-
-#include <ferrocore/CMutex.h>
-
 #include <atomic>
 #include <cstdint>
 #include <memory>
+
+#include <ferrocore/CMutex.h>
+#include <quillcore/export.h>
+#include <quillcore/process/CArgsBuilder.h>
 
 namespace quill {
 

@@ -27,16 +27,15 @@
 // Exceptions: as CTask; getTaskOutput() may throw std::bad_alloc.
 #pragma once
 
-#include <quillcore/export.h>
-#include <quillcore/process/CArgsBuilder.h>
-#include <quillcore/process/CTask.h>
+#include <cstdio>
 
 #include <ferrocore/CMutex.h>
 #include <ferrocore/CSharedObject.h>
 #include <ferrocore/CString.h>
 #include <ferrocore/ThreadAnnotations.h>
-
-#include <cstdio>
+#include <quillcore/export.h>
+#include <quillcore/process/CArgsBuilder.h>
+#include <quillcore/process/CTask.h>
 
 namespace quill {
 

@@ -23,10 +23,10 @@
 // Threads and exceptions: as CTask.
 #pragma once
 
+#include <cstdint>
+
 #include <quillcore/export.h>
 #include <quillcore/process/CTask.h>
-
-#include <cstdint>
 
 namespace quill {
 

@@ -20,13 +20,13 @@
 //                            timeFrom = <unsigned>, timeTo = <unsigned> }
 #pragma once
 
-#include <ferrocore/CSharedObject.h>
-#include <quillcore/export.h>
-#include <quillcore/platform/PLObject.h>
-
 #include <array>
 #include <cstdint>
 #include <string_view>
+
+#include <ferrocore/CSharedObject.h>
+#include <quillcore/export.h>
+#include <quillcore/platform/PLObject.h>
 
 namespace quill {
 

@@ -10,15 +10,14 @@
 // thread meanwhile. The object is otherwise not shared between threads.
 #pragma once
 
-#include <quillcore/export.h>
+#include <atomic>
+#include <cstdint>
+#include <functional>
 
 #include <ferrocore/CBuffer.h>
 #include <ferrocore/CString.h>
 #include <ferrocore/CURL.h>
-
-#include <atomic>
-#include <cstdint>
-#include <functional>
+#include <quillcore/export.h>
 
 namespace quill {
 

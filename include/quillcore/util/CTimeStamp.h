@@ -2,10 +2,10 @@
 // form every log record and status notification carries.
 #pragma once
 
-#include <quillcore/export.h>
-
 #include <cstddef>
 #include <iosfwd>
+
+#include <quillcore/export.h>
 
 namespace quill {
 

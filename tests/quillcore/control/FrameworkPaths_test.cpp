@@ -1,11 +1,10 @@
-#include <quillcore/control/FrameworkPaths.h>
-
-#include "support/FrameworkTree.h"
-#include "support/TestSupport.h"
+#include <filesystem>
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
+#include "support/FrameworkTree.h"
+#include "support/TestSupport.h"
+#include <quillcore/control/FrameworkPaths.h>
 
 namespace {
 
@@ -20,9 +19,9 @@ std::string lumenforgePath() { return path(PLHolder<const PLURL>::adopt(getLumen
 TEST(FrameworkPaths, FrameworksAreFoundCanonicallyFromALoadedLibraryInTheLayoutOnly) {
     EXPECT_EQ(corvanePath(), "<null>");  // the build tree
     quilltest::TempDir dir;
-    for (const char* bundle : {"Frameworks/Cluster.framework/Versions/A/Frameworks/QuillCore.framework",
-                               "Library/Corvane.framework/Versions/A/Frameworks/QuillCore.framework",
-                               "QuillCore.framework"}) {
+    for (const char* bundle :
+         {"Frameworks/Cluster.framework/Versions/A/Frameworks/QuillCore.framework",
+          "Library/Corvane.framework/Versions/A/Frameworks/QuillCore.framework", "QuillCore.framework"}) {
         LoadedImagesHost fake({quilltest::makeQuillCoreBundle(dir / bundle).string()});
         CScopedHost scope(fake);
         EXPECT_EQ(corvanePath(), "<null>") << bundle;
@@ -32,7 +31,8 @@ TEST(FrameworkPaths, FrameworksAreFoundCanonicallyFromALoadedLibraryInTheLayoutO
     const quilltest::FrameworkTree tree(dir / "real");
     // The library reached through a linked directory and "..".
     fs::create_directory_symlink(tree.corvaneDir() / "Versions", dir / "linked");
-    LoadedImagesHost fake({(dir / "linked/A/Frameworks/../Frameworks/QuillCore.framework/libquillcore.so.303").string()});
+    LoadedImagesHost fake(
+        {(dir / "linked/A/Frameworks/../Frameworks/QuillCore.framework/libquillcore.so.303").string()});
     CScopedHost scope(fake);
     const std::string frameworks = fs::canonical(tree.frameworksDir()).string();
     EXPECT_EQ(corvanePath(), frameworks + "/Corvane.framework");
@@ -46,14 +46,16 @@ TEST(FrameworkPaths, StoredPathsAreReRootedOntoTheFrameworksFoundNow) {
     const PLHolder<const PLURL> corvane = PLURL::createWithPath("/new/Frameworks/Corvane.framework", true);
     const PLHolder<const PLURL> lumenforge = PLURL::createWithPath("/new/Frameworks/Lumenforge.framework", true);
     auto runtime = [&](const char* stored, bool withCorvane = true, bool withLumenforge = true) {
-        const PLHolder<const PLString> result = quill::getRuntimePath(
-            PLString::create(stored).get(), withCorvane ? corvane.get() : nullptr,
-            withLumenforge ? lumenforge.get() : nullptr);
+        const PLHolder<const PLString> result =
+            quill::getRuntimePath(PLString::create(stored).get(), withCorvane ? corvane.get() : nullptr,
+                                  withLumenforge ? lumenforge.get() : nullptr);
         return result->str();
     };
-    EXPECT_EQ(runtime("/old/Corvane.framework/Resources/corvaned"), "/new/Frameworks/Corvane.framework/Resources/corvaned");
+    EXPECT_EQ(runtime("/old/Corvane.framework/Resources/corvaned"),
+              "/new/Frameworks/Corvane.framework/Resources/corvaned");
     EXPECT_EQ(runtime("/old/Corvane.framework/"), "/new/Frameworks/Corvane.framework/");
-    EXPECT_EQ(runtime("/x/Lumenforge.framework/Resources/a.bundle"), "/new/Frameworks/Lumenforge.framework/Resources/a.bundle");
+    EXPECT_EQ(runtime("/x/Lumenforge.framework/Resources/a.bundle"),
+              "/new/Frameworks/Lumenforge.framework/Resources/a.bundle");
     // The innermost framework decides; only whole components count.
     EXPECT_EQ(runtime("/a/Corvane.framework/Versions/A/Frameworks/Lumenforge.framework/x"),
               "/new/Frameworks/Lumenforge.framework/x");

@@ -2,19 +2,17 @@
 // service kinds, notification names, the version), and the exported
 // notification functions over an in-process centre: the status payload, the
 // sender each function uses and what each removal removes.
+#include <limits>
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "support/FixedClockHost.h"
 #include <quillcore/control/QuillCorePrivate.h>
 #include <quillcore/control/QuillCoreVersion.h>
 #include <quillcore/control/QuillNotification.h>
 #include <quillcore/platform/RunLoop.h>
-
-#include "support/FixedClockHost.h"
-
-#include <gtest/gtest.h>
-
-#include <dlfcn.h>
-#include <unistd.h>
-
-#include <limits>
 
 namespace {
 
@@ -82,7 +80,8 @@ TEST(QuillCorePrivate, EveryConstantHoldsItsText) {
         EXPECT_EQ(row.actual, row.expected) << row.name;
         if (!row.object) continue;
         EXPECT_STREQ(row.object->c_str(), row.expected.data()) << row.name;
-        EXPECT_EQ(row.object->retainCount(), std::numeric_limits<std::int32_t>::max()) << row.name << " is not immortal";
+        EXPECT_EQ(row.object->retainCount(), std::numeric_limits<std::int32_t>::max())
+            << row.name << " is not immortal";
     }
     EXPECT_EQ(kQuillDaemonPortNumber, 2189);
 }
@@ -131,8 +130,10 @@ TEST_F(QuillNotificationTest, EachKindCarriesTypeSenderMessageTimePidAndExtraVal
     ASSERT_EQ(inbox.size(), 3u);
     auto text = [](const Delivery& d, const char* key) { return PLDynamicCast<PLString>(d.userInfo->get(key))->str(); };
     EXPECT_EQ(inbox[0].sender->str(), "com.tessaly.corvane.app");
-    for (const auto& [field, value] : {std::pair{"time", "02/01/2001 13:05:07.250"}, {"type", "status"},
-                                       {"from", "com.tessaly.corvane.app"}, {"message", "hello"}})
+    for (const auto& [field, value] : {std::pair{"time", "02/01/2001 13:05:07.250"},
+                                       {"type", "status"},
+                                       {"from", "com.tessaly.corvane.app"},
+                                       {"message", "hello"}})
         EXPECT_EQ(text(inbox[0], field), value) << field;
     EXPECT_TRUE(PLEqual(inbox[0].userInfo->get("userInfo"), extra.get()));
 

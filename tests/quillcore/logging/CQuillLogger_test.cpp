@@ -2,30 +2,26 @@
 // starts, marks and queries, the global logger; and its fast paths against the
 // slow, obvious ones (number formatting against printf, the plain-text check
 // and the escaping against the XML parser).
-#include "quillcore/logging/LogRecord.h"
-
-#include <quillcore/control/QuillNotification.h>
-#include <quillcore/logging/CQuillGlobalLogger.h>
-#include <quillcore/platform/RunLoop.h>
-#include <quillcore/plist/CServiceCacheFile.h>
-#include <quillcore/util/CTimeStamp.h>
-
-#include <ferrocore/CException.h>
-
-#include "support/ConfigHome.h"
-#include "support/FixedClockHost.h"
-#include "support/LogEscapeReference.h"
-
-#include <gmock/gmock.h>
-
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <random>
 #include <regex>
 #include <sstream>
 #include <thread>
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include "quillcore/logging/LogRecord.h"
+#include "support/ConfigHome.h"
+#include "support/FixedClockHost.h"
+#include "support/LogEscapeReference.h"
+#include <ferrocore/CException.h>
+#include <quillcore/control/QuillNotification.h>
+#include <quillcore/logging/CQuillGlobalLogger.h>
+#include <quillcore/platform/RunLoop.h>
+#include <quillcore/plist/CServiceCacheFile.h>
+#include <quillcore/util/CTimeStamp.h>
 
 namespace {
 
@@ -165,9 +161,8 @@ TEST(CQuillLogger, PiecesJoinUntilALineFeedAndEveryOperandHasItsText) {
     std::vector<std::string> messages;
     for (const auto& element : elementsOf(*logger))
         if (element->nodeName() == "log") messages.push_back(element->getAttributeValueAsString("msg")->utf8());
-    EXPECT_THAT(messages, testing::ElementsAre("ab", "x", "42 items", "null null true false",
-                                               "file:///tmp/a%20b null", "ff 255 2.5 -7",
-                                               "01/01/2001 00:00:00.000: epoch"));
+    EXPECT_THAT(messages, testing::ElementsAre("ab", "x", "42 items", "null null true false", "file:///tmp/a%20b null",
+                                               "ff 255 2.5 -7", "01/01/2001 00:00:00.000: epoch"));
 }
 
 TEST(CQuillLogger, TimeFieldsAreThoseOfTheTimeStampOfTheFirstPiece) {
@@ -212,9 +207,9 @@ TEST(CQuillLogger, EscapingKeepsEveryRecordInsideTheDocument) {
         {"&amp;amp; stays", 3, ""},
         {"Grüße, ünïcödé", 3, ""},
         {"two\nlines", 3, ""},
-        {"x\" foo=\"1", 3, ""},                    // adds an attribute, which is allowed
-        {"x\" tms=\"1", 3, "x%22 tms=%221"},        // would duplicate a head attribute
-        {"x\" lvl=\"1", 3, ""},                    // level 3 records have no lvl
+        {"x\" foo=\"1", 3, ""},               // adds an attribute, which is allowed
+        {"x\" tms=\"1", 3, "x%22 tms=%221"},  // would duplicate a head attribute
+        {"x\" lvl=\"1", 3, ""},               // level 3 records have no lvl
         {"x\" lvl=\"1", 5, "x%22 lvl=%221"},
         {"\"/><log msg=\"forged", 3, "%22/%3E%3Clog msg=%22forged"},
         {std::string("bad \xff byte"), 3, "bad %FF byte"},
@@ -275,12 +270,56 @@ TEST(LogRecord, MillisecondsAreRoundedExactlyAsPrintfDoes) {
 // quotes, markup, references of every kind, controls, and UTF-8 both good and
 // bad.
 std::string randomMessage(std::mt19937_64& random) {
-    static const std::vector<std::string> pieces = {
-        "a", "Z", "0", " ", "\t", "\n", "\r", "\"", "'", "<", ">", "/", "=", "&", ";", "#", "x", "amp", "lt", "quot",
-        "&amp;", "&#65;", "&#x41;", "&#0;", "&#xD800;", "&#x110000;", "&#xFFFE;", "&bogus;", "\x01", "\x7f",
-        "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xc3", "\x80", "\xed\xa0\x80", "\xef\xbf\xbe",
-        "\xef\xbf\xbd", "\xf4\x90\x80\x80", "\xc0\xaf", "\xe0\x80\xaf", " tms=\"", " foo=\"", " lvl=\"", "\"/>",
-        "x=\"1\" ", "<!--", "]]>", "%", "%3C"};
+    static const std::vector<std::string> pieces = {"a",
+                                                    "Z",
+                                                    "0",
+                                                    " ",
+                                                    "\t",
+                                                    "\n",
+                                                    "\r",
+                                                    "\"",
+                                                    "'",
+                                                    "<",
+                                                    ">",
+                                                    "/",
+                                                    "=",
+                                                    "&",
+                                                    ";",
+                                                    "#",
+                                                    "x",
+                                                    "amp",
+                                                    "lt",
+                                                    "quot",
+                                                    "&amp;",
+                                                    "&#65;",
+                                                    "&#x41;",
+                                                    "&#0;",
+                                                    "&#xD800;",
+                                                    "&#x110000;",
+                                                    "&#xFFFE;",
+                                                    "&bogus;",
+                                                    "\x01",
+                                                    "\x7f",
+                                                    "\xc3\xa9",
+                                                    "\xe2\x82\xac",
+                                                    "\xf0\x9f\x98\x80",
+                                                    "\xc3",
+                                                    "\x80",
+                                                    "\xed\xa0\x80",
+                                                    "\xef\xbf\xbe",
+                                                    "\xef\xbf\xbd",
+                                                    "\xf4\x90\x80\x80",
+                                                    "\xc0\xaf",
+                                                    "\xe0\x80\xaf",
+                                                    " tms=\"",
+                                                    " foo=\"",
+                                                    " lvl=\"",
+                                                    "\"/>",
+                                                    "x=\"1\" ",
+                                                    "<!--",
+                                                    "]]>",
+                                                    "%",
+                                                    "%3C"};
     std::uniform_int_distribution<std::size_t> count(0, 12), pick(0, pieces.size() - 1);
     std::string message;
     for (std::size_t n = count(random); n > 0; --n) message += pieces[pick(random)];
@@ -307,13 +346,13 @@ TEST(CQuillLogger, AFailedTargetThrowsKindThree) {
     std::ostringstream target;
     target.setstate(std::ios::failbit);
     CQuillLoggerRef logger = CQuillLogger::create();
-    logger->startupLogging(CQuillLogger::OStreamRef(ferrocore::makeShared<CQuillLogger::OBufferStream>(
-        CQuillLogger::OStream::kNonFileStream, target, nullptr)));
+    logger->startupLogging(CQuillLogger::OStreamRef(
+        ferrocore::makeShared<CQuillLogger::OBufferStream>(CQuillLogger::OStream::kNonFileStream, target, nullptr)));
     EXPECT_THAT([&] { logger->log(3) << "lost"; },
-                testing::Throws<ferrocore::CException>(testing::AllOf(
-                    testing::Property(&ferrocore::CException::kind, 3),
-                    testing::Property(&ferrocore::CException::message,
-                                      "CQuillLogger::OStream stream error: exception flags = 4"))));
+                testing::Throws<ferrocore::CException>(
+                    testing::AllOf(testing::Property(&ferrocore::CException::kind, 3),
+                                   testing::Property(&ferrocore::CException::message,
+                                                     "CQuillLogger::OStream stream error: exception flags = 4"))));
 }
 
 TEST(CQuillLogger, ThreadsNeverShareALine) {
@@ -465,8 +504,13 @@ TEST(CQuillLoggerMarks, LogQueries) {
     ASSERT_EQ(notFile->childCount(), 1u);
     EXPECT_EQ(notFile->childAtIndex(0)->getAttributeValueAsString("msg")->utf8(), "Not logging to file.");
 
-    const char* texts[] = {"Service is down.", "Logger not available.", "Get log query not supported.",
-                           "Not logging to file.", "Log data not XML parsable.", "Log error.", "Log error."};
+    const char* texts[] = {"Service is down.",
+                           "Logger not available.",
+                           "Get log query not supported.",
+                           "Not logging to file.",
+                           "Log data not XML parsable.",
+                           "Log error.",
+                           "Log error."};
     for (int kind = 0; kind < 7; ++kind) {
         const std::string text = CQuillLogger::logErrorDataAsString(kind == 6 ? -1 : kind)->utf8();
         EXPECT_THAT(text, HasSubstr(std::string(" msg=\"") + texts[kind] + "\"/>\n</logs>\n")) << kind;

@@ -3,24 +3,22 @@
 // host seam); and the list file built on it: list operations, the order list,
 // and the record protocol of refresh and flush (own section only, and the trap
 // under a caller's lock).
-#include "support/ConfigHome.h"
-#include "support/FileFaultHost.h"
-#include "support/NotificationBus.h"
-
-#include <quillcore/platform/PLPropertyList.h>
-#include <quillcore/plist/CPropertyListFile.h>
-
-#include <ferrocore/CException.h>
-#include <ferrocore/Format.h>
-
-#include <gtest/gtest.h>
-
 #include <csignal>
+
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "support/ConfigHome.h"
+#include "support/FileFaultHost.h"
+#include "support/NotificationBus.h"
+#include <ferrocore/CException.h>
+#include <ferrocore/Format.h>
+#include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/plist/CPropertyListFile.h>
 
 namespace {
 
@@ -129,7 +127,11 @@ TEST_F(BasicFileTest, VersionComesFromAVersionStringOnly) {
 
 TEST_F(BasicFileTest, RewritesInPlaceAndCutsTheOldTail) {
     writeFile(file(), kDocument);
-    auto inode = [&] { struct stat info {}; EXPECT_EQ(stat(file().c_str(), &info), 0); return info.st_ino; };
+    auto inode = [&] {
+        struct stat info {};
+        EXPECT_EQ(stat(file().c_str(), &info), 0);
+        return info.st_ino;
+    };
     const auto before = inode();
 
     CPropertyListBasicFile plist(path());
@@ -165,8 +167,7 @@ TEST_F(BasicFileTest, AnUnreadableFileIsNeverOverwrittenUntilARefreshSucceeds) {
         EXPECT_EQ(e.message(), prefix("writePropertyList") + "not proceeding since the last refresh failed");
         EXPECT_EQ(readFile(file()), bad);
     }
-    EXPECT_NE(thrownBy([&] { plist.refresh(); }).message().find("the top level is of type array"),
-              std::string::npos);
+    EXPECT_NE(thrownBy([&] { plist.refresh(); }).message().find("the top level is of type array"), std::string::npos);
 
     writeFile(file(), kDocument);
     EXPECT_TRUE(plist.refresh());
@@ -190,7 +191,8 @@ TEST_F(BasicFileTest, ReadingBackOwnBytesGivesExactlyWhatParsingGives) {
 
     // Another writer's change of the same length is seen.
     CPropertyListBasicFile other(path());
-    other.toPropertyList()->set(str("b"), PLDictionary::createFromEntries({{str("y"), str("3")}, {str("x"), str("2")}}));
+    other.toPropertyList()->set(str("b"),
+                                PLDictionary::createFromEntries({{str("y"), str("3")}, {str("x"), str("2")}}));
     other.flush();
     ASSERT_EQ(readFile(file()).size(), xmlOf(top.get()).size());
     plist.refresh();
@@ -226,8 +228,8 @@ TEST_F(BasicFileTest, OpenFileModes) {
     auto e = thrownBy([&] { ferrocore::makeShared<COpenFile>(path(), 7); });
     EXPECT_EQ(e.kind(), ferrocore::kExceptionKindSystemCall);
     EXPECT_EQ(e.message(),
-              ferrocore::formatString("CPropertyListBasicFile::COpenFile::open[%d](%s): wrong open mode = 7",
-                                      getpid(), file()));
+              ferrocore::formatString("CPropertyListBasicFile::COpenFile::open[%d](%s): wrong open mode = 7", getpid(),
+                                      file()));
 
     auto missing = ferrocore::makeShared<COpenFile>(path(), CPropertyListBasicFile::kOpenModeRead);
     EXPECT_FALSE(missing->isOpen());
@@ -278,8 +280,8 @@ TEST_F(BasicFileTest, HostFailuresGiveTheExactMessages) {
 
     e = thrownBy([&] { plist.fromPropertyList(nullptr); });
     EXPECT_EQ(e.kind(), ferrocore::kExceptionKindSystemCall);
-    EXPECT_EQ(e.message(),
-              ferrocore::formatString("CPropertyListBasicFile::fromPropertyList[%d](): propertyList is NULL", getpid()));
+    EXPECT_EQ(e.message(), ferrocore::formatString(
+                               "CPropertyListBasicFile::fromPropertyList[%d](): propertyList is NULL", getpid()));
 }
 
 TEST_F(BasicFileTest, TheLockOfAKilledWriterIsReleased) {
@@ -337,8 +339,7 @@ struct Entry {
 // or "byKind" then its kind.
 class ListFile : public quill::CPropertyListFile<Entry> {
 public:
-    ListFile(PLStringRef path, bool ordered, std::string kind = {})
-        : CPropertyListFile(path), _kind(std::move(kind)) {
+    ListFile(PLStringRef path, bool ordered, std::string kind = {}) : CPropertyListFile(path), _kind(std::move(kind)) {
         setOrdered(ordered);
         refresh();
     }

@@ -6,9 +6,14 @@
 // refresh-then-flush trap under a caller's lock, and a damaged file that no
 // record overwrites. And the PID file: process lists per service key and the
 // shared process attributes, pruned of processes that are gone.
+#include <climits>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "support/ConfigHome.h"
 #include "support/NotificationBus.h"
-
+#include <ferrocore/CException.h>
 #include <quillcore/control/QuillCorePrivate.h>
 #include <quillcore/plist/CClusterPrefs.h>
 #include <quillcore/plist/CHostPerfScoreFile.h>
@@ -17,15 +22,6 @@
 #include <quillcore/plist/CServiceConfigFile.h>
 #include <quillcore/plist/CServicePIDFile.h>
 #include <quillcore/util/PLUtil.h>
-
-#include <ferrocore/CException.h>
-
-#include <gmock/gmock.h>
-
-#include <climits>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -45,9 +41,7 @@ std::int64_t numberAt(const PLDictionary* top, std::initializer_list<std::string
 
 const char* const kAdminKind = QuillCorePrivate::kTolvaClusterAdminServiceKind;
 
-std::string consoleText() {
-    return std::filesystem::exists(consoleLogPath()) ? readFile(consoleLogPath()) : "";
-}
+std::string consoleText() { return std::filesystem::exists(consoleLogPath()) ? readFile(consoleLogPath()) : ""; }
 
 class ConfigRecords : public testing::Test {
 protected:
@@ -68,7 +62,8 @@ protected:
     void writeServiceConfig(const std::string& adminList) {
         writeFile(_home.configFile(), R"(<plist version="1.0"><dict><key>corvaneconfig</key><dict/>
             <key>serviceconfig</key><dict><key>other:kind</key><dict><key>x</key><dict/></dict>
-            <key>)" + std::string(kAdminKind) + "</key><dict>" + adminList + "</dict></dict></dict></plist>");
+            <key>)" + std::string(kAdminKind) +
+                                          "</key><dict>" + adminList + "</dict></dict></dict></plist>");
     }
 
     ConfigHome _home;
@@ -80,7 +75,7 @@ protected:
 // ------------------------------------------------------ cluster configuration
 
 // What every flush of the cluster configuration writes, whatever the values.
-const Keys kAlwaysWritten = {"DaemonEnabled", "SharingEnabled", "SharingType", "LogToFile",
+const Keys kAlwaysWritten = {"DaemonEnabled",   "SharingEnabled", "SharingType", "LogToFile",
                              "RequirePassword", "ServerName",     "DNSDomain"};
 
 TEST_F(ConfigRecords, MissingOrOddValuesReadAsTheDefaultsAndOnlyTheAlwaysWrittenKeysAreWritten) {
@@ -242,14 +237,14 @@ TEST_F(HostPerfScore, DetectionMapsTheHostsFactsOntoTheTypeNames) {
         int family, model;
         const char *brand, *type;
     };
-    for (const Case& c : {Case{"aarch64", "", -1, -1, "", "Default"},
-                          Case{"x86_64", "GenuineIntel", -1, -1, "", "Intel X86"},
-                          Case{"i686", "GenuineIntel", 6, 0x0E, "Genuine Intel(R) CPU T2300", "Intel Core"},
-                          Case{"x86_64", "GenuineIntel", 6, 0x0F, "Intel(R) Core(TM)2 CPU 6600", "Intel Core 2"},
-                          Case{"x86_64", "GenuineIntel", 6, 0x17, "Intel(R) Xeon(R) CPU E5450", "Intel Core Xeon"},
-                          Case{"x86_64", "GenuineIntel", 6, 0x1D, "Xeon", "Intel Core 2"},  // too short to judge
-                          Case{"x86_64", "GenuineIntel", 6, 0x55, "Intel(R) Xeon(R) Gold", "Intel X86"},
-                          Case{"x86_64", "AuthenticAMD", 6, 0x0E, "AMD Athlon", "Intel X86"}}) {
+    for (const Case& c :
+         {Case{"aarch64", "", -1, -1, "", "Default"}, Case{"x86_64", "GenuineIntel", -1, -1, "", "Intel X86"},
+          Case{"i686", "GenuineIntel", 6, 0x0E, "Genuine Intel(R) CPU T2300", "Intel Core"},
+          Case{"x86_64", "GenuineIntel", 6, 0x0F, "Intel(R) Core(TM)2 CPU 6600", "Intel Core 2"},
+          Case{"x86_64", "GenuineIntel", 6, 0x17, "Intel(R) Xeon(R) CPU E5450", "Intel Core Xeon"},
+          Case{"x86_64", "GenuineIntel", 6, 0x1D, "Xeon", "Intel Core 2"},  // too short to judge
+          Case{"x86_64", "GenuineIntel", 6, 0x55, "Intel(R) Xeon(R) Gold", "Intel X86"},
+          Case{"x86_64", "AuthenticAMD", 6, 0x0E, "AMD Athlon", "Intel X86"}}) {
         host.facts = {c.architecture, c.vendor, c.family, c.model, c.brand, 1, 0, 0};
         EXPECT_EQ(CCPUTypePerfScoreEntry().cpuType()->str(), c.type) << c.brand;
     }
@@ -270,8 +265,8 @@ TEST_F(ConfigRecords, NegativeInstanceCountsMeanOnePerSoManyProcessors) {
 TEST_F(ConfigRecords, CacheEntriesWriteOnlyWhatTheRulesAskFor) {
     CServiceCacheEntry entry(str("svc").get(), nullptr);
     const auto plain = entry.toDict();
-    EXPECT_EQ(keysOf(plain.get()), (Keys{"SharePref", "UserPrefs", "UserID", "Instances", "Enabled",
-                                         "ExplicitSyncOnly", "DetachDaemon", "LocalAds", "Logging", "Visible"}));
+    EXPECT_EQ(keysOf(plain.get()), (Keys{"SharePref", "UserPrefs", "UserID", "Instances", "Enabled", "ExplicitSyncOnly",
+                                         "DetachDaemon", "LocalAds", "Logging", "Visible"}));
     EXPECT_EQ(PLDynamicCast<PLNumber>(plain->get("UserID"))->int32Value(), -1);
 
     entry.setLogLevel(5, false);
@@ -398,7 +393,8 @@ TEST_F(ConfigRecords, CancelJobsIsStoredAsPresenceOnTheFirstEntryOnlyAndFailures
     EXPECT_FALSE(getCancelActiveJobsOnRestart());
     setCancelActiveJobsOnRestart(true);
     EXPECT_FALSE(consoleLinesWith("QuillConfig::getCancelActiveJobsOnRestart failed, exception = "
-                                  "CPropertyListBasicFile::refresh[").empty());
+                                  "CPropertyListBasicFile::refresh[")
+                     .empty());
     EXPECT_FALSE(consoleLinesWith("QuillConfig::setCancelActiveJobsOnRestart failed, exception = ").empty());
     EXPECT_EQ(readFile(_home.configFile()), "not a property list");
 }

@@ -1,19 +1,16 @@
-#include <quillcore/platform/Host.h>
-#include <quillcore/platform/PLPropertyList.h>
-#include <quillcore/plist/QuillConfigUpdater.h>
-
-#include <ferrocore/CException.h>
-
-#include "support/ConfigHome.h"
-#include "support/FrameworkTree.h"
-
-#include <gmock/gmock.h>
-
 #include <cerrno>
 #include <regex>
 #include <sstream>
 
+#include <gmock/gmock.h>
 #include <sys/stat.h>
+
+#include "support/ConfigHome.h"
+#include "support/FrameworkTree.h"
+#include <ferrocore/CException.h>
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/plist/QuillConfigUpdater.h>
 
 namespace {
 
@@ -109,11 +106,12 @@ TEST_F(ConfigUpdater, OnlyANewerMasterIsMergedAndTheUsersChangesAreKept) {
     EXPECT_EQ(readFile(user), userText);
     EXPECT_FALSE(fs::exists(userDefaults));
 
-    auto config = [](const std::string& port, const std::string& log, const std::string& name,
-                     const std::string& extra, const std::string& factor) {
-        return "<key>corvaneconfig</key><dict><key>DaemonPort</key><integer>" + port + "</integer><key>LogToFile</key>" +
-               log + "<key>ServerName</key>" + name + extra + "</dict>\n<key>hostperfscore</key><dict>" +
-               "<key>CPUTypes</key><dict><key>Intel X86</key><real>" + factor + "</real></dict></dict>\n";
+    auto config = [](const std::string& port, const std::string& log, const std::string& name, const std::string& extra,
+                     const std::string& factor) {
+        return "<key>corvaneconfig</key><dict><key>DaemonPort</key><integer>" + port +
+               "</integer><key>LogToFile</key>" + log + "<key>ServerName</key>" + name + extra +
+               "</dict>\n<key>hostperfscore</key><dict>" + "<key>CPUTypes</key><dict><key>Intel X86</key><real>" +
+               factor + "</real></dict></dict>\n";
     };
     const std::string masterText =
         plist("1.10", config("2300", "<true/>", "<string>Render</string>", "<key>New</key><string>n</string>", "1.2"));
@@ -137,8 +135,9 @@ TEST_F(ConfigUpdater, OnlyANewerMasterIsMergedAndTheUsersChangesAreKept) {
 TEST_F(ConfigUpdater, UnusableContentsAreReplacedByTheMaster) {
     const std::string masterText = plist("1.0", "");
     writeFile(master, masterText);
-    const std::string transcoder = "<key>servicecontroller:com.tessaly.tolva.transcoder.tolva</key>"
-                                   "<dict><key>Path</key><string>/x/transcoder</string></dict>";
+    const std::string transcoder =
+        "<key>servicecontroller:com.tessaly.tolva.transcoder.tolva</key>"
+        "<dict><key>Path</key><string>/x/transcoder</string></dict>";
     writeFile(user, plist("1.0", "<key>corvaneservices</key><dict>" + transcoder +
                                      "<key>jobcontroller:com.tessaly.lumenforge.cluster.admin</key>"
                                      "<dict><key>Path</key><string></string></dict></dict>\n"));
@@ -155,9 +154,9 @@ TEST_F(ConfigUpdater, UnusableContentsAreReplacedByTheMaster) {
     // A file that cannot be read is reported (without time stamp).
     writeFile(user, "garbage");
     EXPECT_TRUE(updater.needCopyLumenforgeConfigFile());
-    EXPECT_EQ(out.str().rfind(line("Exception caught while checking contents of") + ": CPropertyListBasicFile::refresh[",
-                              0),
-              0u)
+    EXPECT_EQ(
+        out.str().rfind(line("Exception caught while checking contents of") + ": CPropertyListBasicFile::refresh[", 0),
+        0u)
         << out.str();
 }
 
@@ -178,7 +177,8 @@ TEST_F(ConfigUpdater, PermissionsAreAlwaysSetAndFailuresNameTheOperation) {
     writeFile(master, plist("1.0", ""));
     host.chmodError = EPERM;
     updater.run();
-    EXPECT_EQ(unstamped(), line("Corvane daemon needs to copy") + "\n" + line("Exception caught while copying/merging") +
+    EXPECT_EQ(unstamped(), line("Corvane daemon needs to copy") + "\n" +
+                               line("Exception caught while copying/merging") +
                                ": QuillConfigUpdater::copyFile: chmod() on file " + userDefaults.string() +
                                " failed, error = Operation not permitted\n");
 }

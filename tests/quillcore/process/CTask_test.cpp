@@ -2,28 +2,26 @@
 // task, and CTask2 with its terminal and joined output): the child's
 // arguments, environment, user, descriptors and exit status, the hooks,
 // waiting, and failures injected through the process seam.
-#include <quillcore/control/QuillCorePrivate.h>
-#include <quillcore/control/QuillNotification.h>
-#include <quillcore/platform/ProcessSpawner.h>
-#include <quillcore/process/CTask2.h>
-#include <quillcore/process/CUserTask.h>
-
-#include "support/NotificationBus.h"
-#include "support/TaskReaper.h"
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <pwd.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include "support/NotificationBus.h"
+#include "support/TaskReaper.h"
+#include "support/TestSupport.h"
+#include <quillcore/control/QuillCorePrivate.h>
+#include <quillcore/control/QuillNotification.h>
+#include <quillcore/platform/ProcessSpawner.h>
+#include <quillcore/process/CTask2.h>
+#include <quillcore/process/CUserTask.h>
 
 namespace {
 
@@ -78,8 +76,8 @@ TEST(CArgsBuilder, AddArgsVariantsStopAtNullAndSkipNullStrings) {
     builder.addArgs(list);
     builder.addArgs(1, list);
     builder.addArgs(4, list);  // stops at the NULL entry
-    builder.addArgs(std::vector<ferrocore::CStringRef>{ferrocore::CString::create("s"), nullptr,
-                                                         ferrocore::CString::create("t")});
+    builder.addArgs(
+        std::vector<ferrocore::CStringRef>{ferrocore::CString::create("s"), nullptr, ferrocore::CString::create("t")});
     builder.addArg(nullptr);
     EXPECT_EQ(entries(builder), (std::vector<std::string>{"x", "y", "x", "x", "y", "s", "t"}));
 }
@@ -180,7 +178,9 @@ TEST(CTask, TimedWaitLeavesTheChildRunningAndSeveralThreadsMayWait) {
 
 // Both ways of starting a child: CTask itself borrows the parent's memory
 // until the exec, any subclass gets a full fork.
-struct ForkedTask : CTask { using CTask::CTask; };
+struct ForkedTask : CTask {
+    using CTask::CTask;
+};
 
 TEST(CTask, ChildKeepsOnlyTheStandardDescriptors) {
     const int fd = open("/dev/null", O_RDONLY);
@@ -345,11 +345,10 @@ TEST(CTask2, JoinsStandardOutputAndErrorIntoOneText) {
 }
 
 TEST(CTask2, ChildHasTheTerminalAsInputAndControllingTerminal) {
-    CTask2 task("/bin/sh",
-                shellArgs("test -t 0 && echo input-is-tty; test -t 1 || echo output-is-not; "
-                          "exec 3</dev/tty && echo has-controlling-tty; "
-                          "[ \"$(cut -d' ' -f6 /proc/$$/stat)\" = $$ ] && echo session-leader")
-                    .data());
+    CTask2 task("/bin/sh", shellArgs("test -t 0 && echo input-is-tty; test -t 1 || echo output-is-not; "
+                                     "exec 3</dev/tty && echo has-controlling-tty; "
+                                     "[ \"$(cut -d' ' -f6 /proc/$$/stat)\" = $$ ] && echo session-leader")
+                               .data());
     ASSERT_EQ(task.launch(), 0);
     EXPECT_EQ(outputOf(task), "input-is-tty\noutput-is-not\nhas-controlling-tty\nsession-leader\n");
     EXPECT_EQ(task.waitForTask(), 0);
@@ -390,8 +389,8 @@ TEST(CTask2, FailingTerminalSetupStartsNoChild) {
     platform::CScopedProcessSpawner scope(spawner);
     CTask2 task("/bin/true", nullptr);
 
-    for (const auto& [error, code] : {std::pair{&spawner.pipeError, EMFILE}, {&spawner.terminalError, ENOENT},
-                                      {&spawner.setFlagsError, EIO}}) {
+    for (const auto& [error, code] :
+         {std::pair{&spawner.pipeError, EMFILE}, {&spawner.terminalError, ENOENT}, {&spawner.setFlagsError, EIO}}) {
         *error = code;
         EXPECT_EQ(task.launch(), -1);
         EXPECT_EQ(errno, code);
@@ -403,7 +402,6 @@ TEST(CTask2, FailingTerminalSetupStartsNoChild) {
     EXPECT_EQ(task.waitForTask(), 0);
     EXPECT_EQ(spawner.spawns, 1);
 }
-
 
 // ---------------------------------------------------------------- user tasks
 

@@ -1,16 +1,14 @@
-#include <quillcore/schedule/CServiceSchedule.h>
+#include <chrono>
+#include <functional>
+#include <string>
 
-#include <ferrocore/CException.h>
+#include <gtest/gtest.h>
 
 #include "support/ConfigHome.h"
 #include "support/FixedClockHost.h"
 #include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <functional>
-#include <string>
+#include <ferrocore/CException.h>
+#include <quillcore/schedule/CServiceSchedule.h>
 
 namespace {
 
@@ -34,7 +32,9 @@ constexpr std::chrono::year_month_day kToday = 2025y / 1 / 15;
 // Day and time as one comparable number: DHHMMSS.
 unsigned packed(unsigned day, unsigned h, unsigned m, unsigned s) { return ((day * 100 + h) * 100 + m) * 100 + s; }
 
-PLHolder<const PLDictionary> parse(const std::string& body) { return quilltest::parsePlist("<dict>" + body + "</dict>"); }
+PLHolder<const PLDictionary> parse(const std::string& body) {
+    return quilltest::parsePlist("<dict>" + body + "</dict>");
+}
 
 void expectParamError(const std::function<void()>& call, const std::string& message) {
     try {
@@ -79,7 +79,8 @@ TEST_F(CServiceScheduleTest, DictionaryFormTakesExactTypesAndTimesBelowADayAndWr
             <key>timeFrom</key><string>3600</string><key>timeTo</key><integer>-5</integer></dict>
         <key>Friday</key><string>OffBetween</string>
         <key>Saturday</key><dict><key>timeFrom</key><integer>86400</integer><key>timeTo</key><real>7200.9</real></dict>
-    )").get());
+    )")
+                     .get());
     expectDay(kSun, kOn, 0, 86400);
     expectDay(kMon, kOnBetween, 32400, 61200);
     expectDay(kTue, kOn, 0, 86400);
@@ -119,7 +120,9 @@ TEST_F(CServiceScheduleTest, SettersValidateInOrderAndMidnightEndsTheDayOnlyForT
     struct {
         unsigned h, m, s;
         const char* problem;
-    } const bad[] = {{24, 0, 1, "invalid hours"}, {25, 60, 60, "invalid hours"}, {23, 60, 60, "invalid minutes"},
+    } const bad[] = {{24, 0, 1, "invalid hours"},
+                     {25, 60, 60, "invalid hours"},
+                     {23, 60, 60, "invalid minutes"},
                      {23, 59, 60, "invalid seconds"}};
     for (const auto& t : bad) {
         expectParamError([&] { _s->setTimeFrom(kMon, t.h, t.m, t.s); },
@@ -153,12 +156,23 @@ TEST_F(CServiceScheduleTest, IntervalsHoldTheirStartButNotTheirEndAndNeverCrossM
         unsigned day, h, m, s;
         bool on;
     } const cases[] = {
-        {kMon, 8, 59, 59, false}, {kMon, 9, 0, 0, true},   {kMon, 16, 59, 59, true},  {kMon, 17, 0, 0, false},
-        {kTue, 8, 59, 59, true},  {kTue, 9, 0, 0, false},  {kTue, 16, 59, 59, false}, {kTue, 17, 0, 0, true},
-        {kWed, 1, 0, 0, false},   {kWed, 23, 0, 0, false}, {kThu, 1, 0, 0, true},     {kThu, 23, 0, 0, true},
-        {kFri, 0, 0, 0, false},   {kSat, 23, 59, 59, true},
+        {kMon, 8, 59, 59, false},
+        {kMon, 9, 0, 0, true},
+        {kMon, 16, 59, 59, true},
+        {kMon, 17, 0, 0, false},
+        {kTue, 8, 59, 59, true},
+        {kTue, 9, 0, 0, false},
+        {kTue, 16, 59, 59, false},
+        {kTue, 17, 0, 0, true},
+        {kWed, 1, 0, 0, false},
+        {kWed, 23, 0, 0, false},
+        {kThu, 1, 0, 0, true},
+        {kThu, 23, 0, 0, true},
+        {kFri, 0, 0, 0, false},
+        {kSat, 23, 59, 59, true},
         // 24:00:00 asks the next day at 00:00:00: Tuesday (on), Sunday (off).
-        {kMon, 24, 0, 0, true},   {kSat, 24, 0, 0, false},
+        {kMon, 24, 0, 0, true},
+        {kSat, 24, 0, 0, false},
     };
     for (const auto& c : cases) EXPECT_EQ(_s->isOnLine(c.day, c.h, c.m, c.s), c.on) << packed(c.day, c.h, c.m, c.s);
 

@@ -1,14 +1,11 @@
-#include <quillcore/util/CFileUtil.h>
-
-#include <quillcore/platform/Host.h>
-
-#include "support/TestSupport.h"
-
-#include <gtest/gtest.h>
+#include <cerrno>
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 
-#include <cerrno>
+#include "support/TestSupport.h"
+#include <quillcore/platform/Host.h>
+#include <quillcore/util/CFileUtil.h>
 
 namespace {
 
@@ -92,9 +89,7 @@ TEST(CFileUtilLimits, DefaultAndExportedNames) {
 
 // ---------------------------------------------------------------- directories
 
-PLHolder<const PLString> expand(const char* path) {
-    return CFileUtil::expandTildeInPath(PLString::create(path).get());
-}
+PLHolder<const PLString> expand(const char* path) { return CFileUtil::expandTildeInPath(PLString::create(path).get()); }
 
 TEST(CFileUtilDirectories, HomeAndTildeExpansionWithAndWithoutAHome) {
     quilltest::ScopedEnv home("HOME", "/home/quill");

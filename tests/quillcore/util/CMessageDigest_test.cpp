@@ -1,12 +1,10 @@
-#include <quillcore/util/CMessageDigest.h>
-
-#include "support/TestSupport.h"
-
-#include <ferrocore/CException.h>
+#include <thread>
 
 #include <gmock/gmock.h>
 
-#include <thread>
+#include "support/TestSupport.h"
+#include <ferrocore/CException.h>
+#include <quillcore/util/CMessageDigest.h>
 
 namespace {
 
@@ -42,7 +40,10 @@ TEST(CMessageDigest, KnownDigestsOfEverySourceAndRefusalsOfMissingSourcesAndUnkn
     EXPECT_EQ(hex(file.digest()), "9e107d9d372bb6826bd81d3542a419d6");
 
     CMessageDigest text(ferrocore::CString::create("Grüße"));
-    CMessageDigest buffer(ferrocore::CBuffer::create("Gr\xc3\xbc\xc3\x9f" "e", 7));
+    CMessageDigest buffer(
+        ferrocore::CBuffer::create("Gr\xc3\xbc\xc3\x9f"
+                                   "e",
+                                   7));
     EXPECT_EQ(hex(text.digest()), hex(buffer.digest()));  // text is digested as UTF-8
     EXPECT_EQ(text.result()->size(), 16u);
 

@@ -1,12 +1,11 @@
-#include <quillcore/util/CTimeStamp.h>
-
-#include "support/FixedClockHost.h"
-#include "support/TestSupport.h"
+#include <chrono>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <sstream>
+#include "support/FixedClockHost.h"
+#include "support/TestSupport.h"
+#include <quillcore/util/CTimeStamp.h>
 
 namespace {
 

@@ -1,12 +1,10 @@
-#include <quillcore/util/PLUtil.h>
-
-#include <quillcore/platform/Host.h>
-
-#include "support/TestSupport.h"
+#include <algorithm>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include "support/TestSupport.h"
+#include <quillcore/platform/Host.h>
+#include <quillcore/util/PLUtil.h>
 
 namespace {
 

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-    build-essential g++ clang libclang-rt-14-dev cmake ninja-build pkg-config
+    build-essential g++ clang clang-format libclang-rt-14-dev cmake ninja-build pkg-config
     libexpat1-dev libssl-dev uuid-dev libcli11-dev libsystemd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     libplist-dev libspdlog-dev

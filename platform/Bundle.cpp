@@ -139,7 +139,7 @@ PLHolder<const PLString> CBundle::localizedString(std::string_view key, PLString
 
 std::vector<std::string> CBundle::preferredLanguages() {
     std::vector<std::string> languages;
-    if (const char* list = std::getenv("LANGUAGE"); list && *list) {
+    if (const char* list = secure_getenv("LANGUAGE"); list && *list) {
         std::string_view rest(list);
         while (!rest.empty()) {
             const auto colon = rest.find(':');
@@ -150,7 +150,7 @@ std::vector<std::string> CBundle::preferredLanguages() {
         if (!languages.empty()) return languages;
     }
     for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-        const char* locale = std::getenv(variable);
+        const char* locale = secure_getenv(variable);
         if (!locale || !*locale) continue;
         addLanguage(languages, languageOfLocale(locale));
         break;

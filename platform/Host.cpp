@@ -29,6 +29,7 @@ CHostWrapper::~CHostWrapper() = default;
 PLAbsoluteTime CHostWrapper::currentTime() { return _target->currentTime(); }
 CCalendarDate CHostWrapper::calendarDate(PLAbsoluteTime at) { return _target->calendarDate(at); }
 PLAbsoluteTime CHostWrapper::absoluteTime(const CCalendarDate& local) { return _target->absoluteTime(local); }
+const char* CHostWrapper::timeZoneSetting() { return _target->timeZoneSetting(); }
 std::string CHostWrapper::computerName() { return _target->computerName(); }
 std::vector<std::string> CHostWrapper::hostNames() { return _target->hostNames(); }
 std::vector<std::string> CHostWrapper::hostAddresses() { return _target->hostAddresses(); }
@@ -45,10 +46,10 @@ std::error_code CHostWrapper::getOpenFilesLimit(CResourceLimit& limit) { return 
 std::error_code CHostWrapper::setOpenFilesLimit(const CResourceLimit& limit) {
     return _target->setOpenFilesLimit(limit);
 }
-std::error_code CHostWrapper::openLockedFile(const std::string& path, FileLock lock, int& fd) {
+std::error_code CHostWrapper::openLockedFile(const std::string& path, FileLock lock, CFileDescriptor& fd) {
     return _target->openLockedFile(path, lock, fd);
 }
-std::error_code CHostWrapper::closeFile(int fd) { return _target->closeFile(fd); }
+std::error_code CHostWrapper::closeFile(CFileDescriptor& fd) { return _target->closeFile(fd); }
 std::error_code CHostWrapper::fileLength(int fd, std::uint64_t& length) { return _target->fileLength(fd, length); }
 std::error_code CHostWrapper::readFile(int fd, void* buffer, std::size_t size, std::size_t& got) {
     return _target->readFile(fd, buffer, size, got);
@@ -66,7 +67,7 @@ std::error_code CHostWrapper::setFileMode(const std::string& path, std::uint32_t
     return _target->setFileMode(path, mode);
 }
 std::error_code CHostWrapper::openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
-                                                   int& fd) {
+                                                   CFileDescriptor& fd) {
     return _target->openFileForAppending(path, truncate, mode, fd);
 }
 std::error_code CHostWrapper::writeFile(int fd, const void* data, std::size_t size, std::size_t& written) {
@@ -76,5 +77,19 @@ std::error_code CHostWrapper::createDirectory(const std::string& path, std::uint
     return _target->createDirectory(path, mode);
 }
 std::uint32_t CHostWrapper::setFileCreationMask(std::uint32_t mask) { return _target->setFileCreationMask(mask); }
+std::error_code CHostWrapper::openFileForReading(const std::string& path, CFileDescriptor& fd) {
+    return _target->openFileForReading(path, fd);
+}
+std::error_code CHostWrapper::createFile(const std::string& path, std::uint32_t mode, CFileDescriptor& fd) {
+    return _target->createFile(path, mode, fd);
+}
+std::error_code CHostWrapper::renameFile(const std::string& from, const std::string& to) {
+    return _target->renameFile(from, to);
+}
+std::error_code CHostWrapper::removeFile(const std::string& path) { return _target->removeFile(path); }
+std::error_code CHostWrapper::removeDirectory(const std::string& path) { return _target->removeDirectory(path); }
+std::error_code CHostWrapper::listDirectory(const std::string& path, std::vector<std::string>& names) {
+    return _target->listDirectory(path, names);
+}
 
 }  // namespace quill::platform

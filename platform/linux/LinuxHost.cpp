@@ -26,6 +26,7 @@
 #include <utility>
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
@@ -53,8 +54,11 @@ namespace {
 // overflow its year field.
 constexpr double kCalendarLimit = 1e16;
 
+// Every setting the host takes from the environment is read with
+// secure_getenv: in a program running with privileges its caller does not
+// have (set-user-ID, file capabilities) the caller's environment is ignored.
 std::string environment(const char* name) {
-    const char* value = std::getenv(name);
+    const char* value = secure_getenv(name);
     return value ? std::string(value) : std::string();
 }
 
@@ -159,6 +163,8 @@ public:
         if (t == -1 && parts.tm_wday == -1) return kNaN;
         return static_cast<double>(t) - kPLAbsoluteTimeIntervalSince1970 + (local.second - whole);
     }
+
+    const char* timeZoneSetting() override { return secure_getenv("TZ"); }
 
     std::string computerName() override {
         std::string pretty = prettyHostName();
@@ -284,31 +290,28 @@ public:
 
     // Linux has no lock-at-open flags: the lock is taken with flock right
     // after open, before the descriptor is handed out.
-    std::error_code openLockedFile(const std::string& path, FileLock lock, int& fd) override {
+    std::error_code openLockedFile(const std::string& path, FileLock lock, CFileDescriptor& fd) override {
         const bool exclusive = lock == FileLock::Exclusive;
         const int flags = (exclusive ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC;
-        int opened;
-        do {
-            opened = ::open(path.c_str(), flags, 0600);
-        } while (opened < 0 && errno == EINTR);
-        if (opened < 0) return posixError(errno);
         int rc;
         do {
-            rc = ::flock(opened, exclusive ? LOCK_EX : LOCK_SH);
+            rc = ::open(path.c_str(), flags, 0600);
+        } while (rc < 0 && errno == EINTR);
+        if (rc < 0) return posixError(errno);
+        CFileDescriptor opened(rc);
+        do {
+            rc = ::flock(opened.get(), exclusive ? LOCK_EX : LOCK_SH);
         } while (rc != 0 && errno == EINTR);
-        if (rc != 0) {
-            const int err = errno;
-            ::close(opened);
-            return posixError(err);
-        }
-        fd = opened;
+        if (rc != 0) return posixError(errno);
+        fd = std::move(opened);
         return {};
     }
 
-    std::error_code closeFile(int fd) override {
+    std::error_code closeFile(CFileDescriptor& fd) override {
+        if (!fd) return posixError(EBADF);
         // Linux releases the descriptor even when close reports EINTR, so it
         // must not be retried.
-        if (::close(fd) != 0 && errno != EINTR) return posixError(errno);
+        if (::close(fd.release()) != 0 && errno != EINTR) return posixError(errno);
         return {};
     }
 
@@ -347,15 +350,17 @@ public:
         return {};
     }
 
-    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode, int& fd) override {
-        const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (truncate ? O_TRUNC : 0);
-        int opened;
-        do {
-            opened = ::open(path.c_str(), flags, static_cast<mode_t>(mode));
-        } while (opened < 0 && errno == EINTR);
-        if (opened < 0) return posixError(errno);
-        fd = opened;
-        return {};
+    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
+                                         CFileDescriptor& fd) override {
+        return openDescriptor(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (truncate ? O_TRUNC : 0), mode, fd);
+    }
+
+    std::error_code openFileForReading(const std::string& path, CFileDescriptor& fd) override {
+        return openDescriptor(path, O_RDONLY | O_CLOEXEC, 0, fd);
+    }
+
+    std::error_code createFile(const std::string& path, std::uint32_t mode, CFileDescriptor& fd) override {
+        return openDescriptor(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode, fd);
     }
 
     std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) override {
@@ -407,7 +412,60 @@ public:
         return static_cast<std::uint32_t>(::umask(static_cast<mode_t>(mask & 0777)));
     }
 
+    std::error_code renameFile(const std::string& from, const std::string& to) override {
+        if (::rename(from.c_str(), to.c_str()) != 0) return posixError(errno);
+        return {};
+    }
+
+    std::error_code removeFile(const std::string& path) override {
+        if (::unlink(path.c_str()) != 0) return posixError(errno);
+        return {};
+    }
+
+    std::error_code removeDirectory(const std::string& path) override {
+        if (::rmdir(path.c_str()) != 0) return posixError(errno);
+        return {};
+    }
+
+    std::error_code listDirectory(const std::string& path, std::vector<std::string>& names) override {
+        int rc;
+        do {
+            rc = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        } while (rc < 0 && errno == EINTR);
+        if (rc < 0) return posixError(errno);
+        DIR* dir = ::fdopendir(rc);
+        if (!dir) {
+            const int err = errno;
+            ::close(rc);
+            return posixError(err);
+        }
+        std::vector<std::string> found;
+        for (;;) {
+            errno = 0;
+            const dirent* entry = ::readdir(dir);
+            if (!entry) break;
+            const std::string_view name(entry->d_name);
+            if (name != "." && name != "..") found.emplace_back(name);
+        }
+        const int err = errno;
+        ::closedir(dir);
+        if (err != 0) return posixError(err);
+        std::sort(found.begin(), found.end());
+        names = std::move(found);
+        return {};
+    }
+
 private:
+    static std::error_code openDescriptor(const std::string& path, int flags, std::uint32_t mode, CFileDescriptor& fd) {
+        int opened;
+        do {
+            opened = ::open(path.c_str(), flags, static_cast<mode_t>(mode));
+        } while (opened < 0 && errno == EINTR);
+        if (opened < 0) return posixError(errno);
+        fd.reset(opened);
+        return {};
+    }
+
     static std::int64_t fromKernel(rlim_t value) {
         if (value == RLIM_INFINITY || value >= static_cast<rlim_t>(CResourceLimit::kUnlimited))
             return CResourceLimit::kUnlimited;
@@ -433,21 +491,20 @@ private:
             if (c == '\n') line.push_back('\t');
         }
         line.push_back('\n');
-        int fd = open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0) {
+        const CFileDescriptor fd(open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+        if (!fd) {
             syslog(LOG_NOTICE, "%.*s", static_cast<int>(text.size()), text.data());
             return;
         }
         const char* data = line.data();
         std::size_t left = line.size();
         while (left > 0) {
-            ssize_t written = write(fd, data, left);
+            ssize_t written = write(fd.get(), data, left);
             if (written < 0 && errno == EINTR) continue;
             if (written <= 0) break;
             data += written;
             left -= static_cast<std::size_t>(written);
         }
-        close(fd);
     }
 };
 

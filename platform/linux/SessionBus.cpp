@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "platform/linux/PosixError.h"
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/platform/NotificationCenter.h>
 
@@ -30,29 +31,11 @@ namespace {
 constexpr std::chrono::seconds kDaemonStartTimeout{10};
 
 std::string envValue(const char* name) {
-    const char* value = std::getenv(name);
+    const char* value = secure_getenv(name);
     return value ? value : "";
 }
 
 std::string errnoText(int err) { return posixError(err).message(); }
-
-// Closes a descriptor when it goes out of scope.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd = -1) noexcept : _fd(fd) {}
-    ~FileDescriptor() { reset(); }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    int get() const noexcept { return _fd; }
-    void reset(int fd = -1) noexcept {
-        if (_fd >= 0) ::close(_fd);
-        _fd = fd;
-    }
-
-private:
-    int _fd;
-};
 
 bool fillSocketAddress(const std::string& path, sockaddr_un& addr) {
     std::memset(&addr, 0, sizeof addr);
@@ -66,7 +49,7 @@ bool fillSocketAddress(const std::string& path, sockaddr_un& addr) {
 bool socketAnswers(const std::string& path) {
     sockaddr_un addr;
     if (!fillSocketAddress(path, addr)) return false;
-    FileDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    CFileDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) return false;
     int rc;
     do {
@@ -119,12 +102,12 @@ std::error_code startDaemon(const std::string& socketPath, pid_t& daemonPid, std
     int addressPipe[2];
     int pidPipe[2];
     if (::pipe2(addressPipe, O_CLOEXEC) != 0) return posixError(errno);
-    FileDescriptor addressRead(addressPipe[0]);
-    FileDescriptor addressWrite(highDescriptor(addressPipe[1]));
+    CFileDescriptor addressRead(addressPipe[0]);
+    CFileDescriptor addressWrite(highDescriptor(addressPipe[1]));
     if (::pipe2(pidPipe, O_CLOEXEC) != 0) return posixError(errno);
-    FileDescriptor pidRead(pidPipe[0]);
-    FileDescriptor pidWrite(highDescriptor(pidPipe[1]));
-    FileDescriptor devNull(highDescriptor(::open("/dev/null", O_RDWR | O_CLOEXEC)));
+    CFileDescriptor pidRead(pidPipe[0]);
+    CFileDescriptor pidWrite(highDescriptor(pidPipe[1]));
+    CFileDescriptor devNull(highDescriptor(::open("/dev/null", O_RDWR | O_CLOEXEC)));
     if (addressWrite.get() < 0 || pidWrite.get() < 0 || devNull.get() < 0) return posixError(EMFILE);
 
     pid_t child = ::fork();
@@ -168,7 +151,7 @@ std::error_code startDaemon(const std::string& socketPath, pid_t& daemonPid, std
 }
 
 void writePidFile(const std::string& path, pid_t pid) {
-    FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+    CFileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (fd.get() < 0) return;
     std::string text = std::to_string(pid) + "\n";
     ssize_t written = ::write(fd.get(), text.data(), text.size());
@@ -283,7 +266,7 @@ std::error_code ensurePrivateBus(std::string& address, bool& started, std::strin
     }
 
     const std::string lockPath = directory + "/" + kPrivateBusLockName;
-    FileDescriptor lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    CFileDescriptor lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (lock.get() < 0) {
         int err = errno;
         problem = "can't open " + lockPath + ": " + errnoText(err);

@@ -110,9 +110,11 @@ void CQuillLogger::startupLogging(bool toFile, CStringRef serviceName, unsigned 
         for (std::size_t slash = directoryPath.find('/', 1); slash < directoryPath.size() - 1;
              slash = directoryPath.find('/', slash + 1))
             host.createDirectory(directoryPath.substr(0, slash), 0755);
-        const std::uint32_t oldMask = host.setFileCreationMask(0);
-        if (host.createDirectory(directoryPath, 0700) == std::errc::file_exists) host.setFileMode(directoryPath, 0700);
-        host.setFileCreationMask(oldMask);
+        {
+            const platform::CScopedFileCreationMask noMask(0);
+            if (host.createDirectory(directoryPath, 0700) == std::errc::file_exists)
+                host.setFileMode(directoryPath, 0700);
+        }
         std::string path = directoryPath + "/" + (serviceName ? serviceName->utf8() : std::string());
         if (index != 0) path += ferrocore::formatString("-%ld", static_cast<long>(index));
         path += ".log";
@@ -131,10 +133,12 @@ void CQuillLogger::startupLogging(CStringRef path, bool truncate) {
     _started = 1;
     _logFilePath = path;
     platform::IHost& host = platform::host();
-    const std::uint32_t oldMask = host.setFileCreationMask(0122);
     std::error_code error;
-    std::unique_ptr<LogFile> file = LogFile::open(path->fileSystemRepresentation(), truncate, error);
-    host.setFileCreationMask(oldMask);
+    std::unique_ptr<LogFile> file;
+    {
+        const platform::CScopedFileCreationMask logMask(0122);
+        file = LogFile::open(path->fileSystemRepresentation(), truncate, error);
+    }
     if (!file) {
         _logFilePath = nullptr;
         const std::string message = "CQuillLogger::startupLogging[" + std::to_string(host.processID()) +

@@ -6,19 +6,22 @@ namespace quill {
 
 std::unique_ptr<CQuillLogger::LogFile> CQuillLogger::LogFile::open(const std::string& path, bool truncate,
                                                                    std::error_code& error) {
-    int fd = -1;
+    platform::CFileDescriptor fd;
     error = platform::host().openFileForAppending(path, truncate, 0666, fd);
     if (error) return nullptr;
-    return std::unique_ptr<LogFile>(new LogFile(fd));
+    return std::unique_ptr<LogFile>(new LogFile(std::move(fd)));
 }
 
-CQuillLogger::LogFile::LogFile(int fd) : _fd(fd), _buffer(fd), _stream(&_buffer) {}
+CQuillLogger::LogFile::LogFile(platform::CFileDescriptor fd)
+    : _fd(std::move(fd)), _buffer(_fd.get()), _stream(&_buffer) {}
 
-CQuillLogger::LogFile::~LogFile() { platform::host().closeFile(_fd); }
+// The descriptor closes itself; a record that reached the file is there
+// whatever close would report.
+CQuillLogger::LogFile::~LogFile() = default;
 
 bool CQuillLogger::LogFile::isEmpty() const {
     std::uint64_t length = 0;
-    return !platform::host().fileLength(_fd, length) && length == 0;
+    return !platform::host().fileLength(_fd.get(), length) && length == 0;
 }
 
 CQuillLogger::LogFile::Buffer::int_type CQuillLogger::LogFile::Buffer::overflow(int_type c) {

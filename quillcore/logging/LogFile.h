@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include <quillcore/logging/CQuillLogger.h>
+#include <quillcore/platform/FileDescriptor.h>
 
 namespace quill {
 
@@ -43,9 +44,9 @@ private:
         const int _fd;
     };
 
-    explicit LogFile(int fd);
+    explicit LogFile(platform::CFileDescriptor fd);
 
-    const int _fd;
+    const platform::CFileDescriptor _fd;
     Buffer _buffer;
     std::ostream _stream;
 };

@@ -1,5 +1,4 @@
 #include <cstdlib>
-#include <fstream>
 
 #include "LogRecord.h"
 #include <ferrocore/CException.h>
@@ -88,20 +87,19 @@ CStringRef CQuillLogger::logDataAsString() const {
 }
 
 CStringRef CQuillLogger::logDataAsString(const CStringRef& path) {
-    std::ifstream file(path ? path->fileSystemRepresentation() : std::string(), std::ios::in | std::ios::binary);
     std::string text;
-    if (file) {
-        file.seekg(0, std::ios::end);
-        const std::streamoff size = file.tellg();
-        file.seekg(0, std::ios::beg);
-        if (size > 0) {
-            text.reserve(static_cast<std::size_t>(size) + 8);
-            char chunk[64 * 1024];
-            while (text.size() < static_cast<std::size_t>(size) && file) {
-                file.read(chunk, sizeof chunk);
-                text.append(chunk, static_cast<std::size_t>(file.gcount()));
-            }
-        }
+    platform::IHost& host = platform::host();
+    platform::CFileDescriptor fd;
+    std::uint64_t size = 0;
+    if (path && !host.openFileForReading(path->fileSystemRepresentation(), fd) && !host.fileLength(fd.get(), size) &&
+        size > 0) {
+        // Only the bytes there when the length was taken are read; records
+        // appended meanwhile are left for the next query.
+        text.resize(static_cast<std::size_t>(size));
+        std::size_t got = 0;
+        (void)host.readFile(fd.get(), text.data(), text.size(), got);
+        text.resize(got);
+        text.reserve(got + 8);
     }
     if (!text.empty()) text += "</logs>\n";
     return ferrocore::CString::create(std::move(text));

@@ -150,7 +150,7 @@ void setAt(PLMutableDictionary& dict, const std::string_view* first, const std::
 // ------------------------------------------------------------ COpenFile
 
 CPropertyListBasicFile::COpenFile::COpenFile(PLStringRef path, std::int32_t mode)
-    : _path(requirePath(path)), _mode(mode), _fd(-1), _lastError(0) {
+    : _path(requirePath(path)), _mode(mode), _lastError(0) {
     open();
 }
 
@@ -159,32 +159,29 @@ CPropertyListBasicFile::COpenFile::COpenFile(int fd) noexcept : _mode(kOpenModeA
 CPropertyListBasicFile::COpenFile::~COpenFile() { close(); }
 
 bool CPropertyListBasicFile::COpenFile::open() {
-    if (_fd >= 0) return false;
+    if (_fd) return false;
     if (_mode != kOpenModeRead && _mode != kOpenModeReadWrite) {
         throw CException(kExceptionKindSystemCall,
                          formatString("CPropertyListBasicFile::COpenFile::open[%d](%s): wrong open mode = %d",
                                       currentProcessID(), pathText(_path.get()), _mode));
     }
     const bool readWrite = _mode == kOpenModeReadWrite;
-    int fd = -1;
     const std::error_code error = platform::host().openLockedFile(
-        _path->str(), readWrite ? platform::FileLock::Exclusive : platform::FileLock::Shared, fd);
+        _path->str(), readWrite ? platform::FileLock::Exclusive : platform::FileLock::Shared, _fd);
     if (error) {
         _lastError = error.value();
         if (!readWrite && error.value() == ENOENT) return false;
         throw lockError(readWrite, _path.get(), error);
     }
-    _fd = fd;
     _lastError = 0;
     return true;
 }
 
 bool CPropertyListBasicFile::COpenFile::close() noexcept {
-    if (_fd < 0) return false;
+    if (!_fd) return false;
     // The descriptor is gone whatever close reports, and the lock with it;
     // there is nothing a caller could do about an error here.
     (void)platform::host().closeFile(_fd);
-    _fd = -1;
     return true;
 }
 

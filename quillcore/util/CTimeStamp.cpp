@@ -46,7 +46,7 @@ bool fillCalendar(platform::IHost& host, double second, CalendarCache& cache) {
 bool cachedText(platform::IHost& host, double seconds, char* text, std::size_t capacity) {
     if (!std::isfinite(seconds) || seconds < 0 || &host != &platform::defaultHost()) return false;
     const double whole = std::floor(seconds);
-    const char* timeZone = std::getenv("TZ");
+    const char* timeZone = host.timeZoneSetting();
     CalendarCache& cache = tCalendar;
     if (!(cache.second == whole && cache.timeZone == timeZone) && !fillCalendar(host, whole, cache)) return false;
     cache.timeZone = timeZone;

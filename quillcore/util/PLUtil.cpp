@@ -1,6 +1,4 @@
 #include <atomic>
-#include <cerrno>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -30,36 +28,41 @@ PLHolder<const PLString> firstString(const std::vector<std::string>& texts) {
     return texts.empty() ? nullptr : PLString::create(texts.front());
 }
 
-bool writeWhole(const std::string& path, const char* mode, PLDataRef data) {
-    std::FILE* file = std::fopen(path.c_str(), mode);
-    if (!file) return false;
-    bool ok = data->size() == 0 || std::fwrite(data->bytes(), 1, data->size(), file) == data->size();
-    ok = std::fflush(file) == 0 && ok;
-    return std::fclose(file) == 0 && ok;
+// Writes all of `data` to `fd` and closes it; false when either fails.
+bool writeAndClose(platform::IHost& host, platform::CFileDescriptor& fd, PLDataRef data) {
+    std::size_t written = 0;
+    const bool ok = !host.writeFile(fd.get(), data->bytes(), data->size(), written);
+    return !host.closeFile(fd) && ok;
 }
 
 // Writes to a fresh file beside `path` and renames it over `path`.
 bool writeAtomically(const std::string& path, PLDataRef data) {
     static std::atomic<unsigned> counter{0};
+    platform::IHost& host = platform::host();
     std::string::size_type slash = path.rfind('/');
     std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
     std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    std::string pid = std::to_string(platform::host().processID());
+    std::string pid = std::to_string(host.processID());
     for (int attempt = 0; attempt < 100; ++attempt) {
         std::string temp = dir + "." + name + "." + pid + "." + std::to_string(counter.fetch_add(1)) + ".tmp";
-        errno = 0;
-        // "x": fails instead of reusing a file somebody else made under this name.
-        if (!writeWhole(temp, "wbx", data)) {
-            bool nameTaken = errno == EEXIST;
-            std::remove(temp.c_str());
-            if (nameTaken) continue;
+        platform::CFileDescriptor fd;
+        // A fresh name only: a file somebody else made under it is never reused.
+        if (const std::error_code error = host.createFile(temp, 0666, fd)) {
+            if (error == std::errc::file_exists) continue;
             return false;
         }
-        if (std::rename(temp.c_str(), path.c_str()) == 0) return true;
-        std::remove(temp.c_str());
+        if (writeAndClose(host, fd, data) && !host.renameFile(temp, path)) return true;
+        (void)host.removeFile(temp);
         return false;
     }
     return false;
+}
+
+bool writeInPlace(const std::string& path, PLDataRef data) {
+    platform::IHost& host = platform::host();
+    platform::CFileDescriptor fd;
+    if (host.openFileForAppending(path, true, 0666, fd)) return false;
+    return writeAndClose(host, fd, data);
 }
 
 }  // namespace
@@ -222,7 +225,7 @@ bool PLDataWriteToURL(PLDataRef data, PLURLRef url, bool atomically) noexcept {
         if (url->scheme() != "file") return false;
         std::string path = url->fileSystemPath();
         if (path.empty()) return false;
-        return atomically ? writeAtomically(path, data) : writeWhole(path, "wb", data);
+        return atomically ? writeAtomically(path, data) : writeInPlace(path, data);
     } catch (...) {
         return false;
     }

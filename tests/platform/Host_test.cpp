@@ -1,11 +1,13 @@
 #include <cerrno>
 #include <cmath>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/FixedClockHost.h"
@@ -118,11 +120,12 @@ TEST(LinuxHostFiles, LockedOpenHoldsTheLockAndHidesTheDescriptorFromChildren) {
     quilltest::TempDir dir;
     const std::string path = (dir / "locked").string();
 
-    int fd = -7;
-    EXPECT_EQ(host.openLockedFile(path, FileLock::Shared, fd).value(), ENOENT);
-    EXPECT_EQ(fd, -7);
+    quill::platform::CFileDescriptor owned;
+    EXPECT_EQ(host.openLockedFile(path, FileLock::Shared, owned).value(), ENOENT);
+    EXPECT_FALSE(owned);
 
-    ASSERT_FALSE(host.openLockedFile(path, FileLock::Exclusive, fd));
+    ASSERT_FALSE(host.openLockedFile(path, FileLock::Exclusive, owned));
+    const int fd = owned.get();
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
     const int other = open(path.c_str(), O_RDONLY);
     EXPECT_NE(flock(other, LOCK_SH | LOCK_NB), 0) << "the exclusive lock is held on return";
@@ -133,9 +136,64 @@ TEST(LinuxHostFiles, LockedOpenHoldsTheLockAndHidesTheDescriptorFromChildren) {
     ASSERT_FALSE(host.readFile(fd, buffer, sizeof buffer, done)) << "the end of the file is no error";
     EXPECT_EQ(std::string(buffer, done), "hello");
 
-    EXPECT_FALSE(host.closeFile(fd));
+    EXPECT_FALSE(host.closeFile(owned));
+    EXPECT_FALSE(owned);
+    EXPECT_EQ(host.closeFile(owned).value(), EBADF) << "an empty descriptor is not closed twice";
     EXPECT_EQ(flock(other, LOCK_SH | LOCK_NB), 0) << "closing gives the lock back";
+
+    // Dropping the owner closes the descriptor, and moving hands it on
+    // without closing it.
+    flock(other, LOCK_UN);
+    ASSERT_FALSE(host.openLockedFile(path, FileLock::Exclusive, owned));
+    quill::platform::CFileDescriptor moved(std::move(owned));
+    EXPECT_FALSE(owned);
+    EXPECT_NE(flock(other, LOCK_SH | LOCK_NB), 0) << "the lock moves with the descriptor";
+    moved = quill::platform::CFileDescriptor();
+    EXPECT_EQ(flock(other, LOCK_SH | LOCK_NB), 0) << "replacing the owner closed the old descriptor";
     close(other);
+}
+
+TEST(LinuxHostFiles, RenamesRemovesAndListsDirectoryEntries) {
+    quill::platform::IHost& host = defaultHost();
+    quilltest::TempDir dir;
+    const std::string base = dir.path().string();
+    for (const char* name : {"b file", "a\nline", ".hidden"}) {
+        quill::platform::CFileDescriptor fd;
+        ASSERT_FALSE(host.openFileForAppending(base + "/" + name, false, 0600, fd)) << name;
+    }
+    ASSERT_FALSE(host.createDirectory(base + "/sub", 0700));
+
+    std::vector<std::string> names{"left alone"};
+    EXPECT_EQ(host.listDirectory(base + "/missing", names).value(), ENOENT);
+    EXPECT_EQ(names, std::vector<std::string>{"left alone"}) << "a failed listing leaves the result alone";
+    ASSERT_FALSE(host.listDirectory(base, names));
+    EXPECT_EQ(names, (std::vector<std::string>{".hidden", "a\nline", "b file", "sub"}));
+
+    ASSERT_FALSE(host.renameFile(base + "/b file", base + "/.hidden")) << "rename replaces the target";
+    EXPECT_EQ(host.removeFile(base + "/sub").value(), EISDIR);
+    ASSERT_FALSE(host.removeDirectory(base + "/sub"));
+    ASSERT_FALSE(host.removeFile(base + "/a\nline"));
+    EXPECT_EQ(host.removeFile(base + "/a\nline").value(), ENOENT);
+    ASSERT_FALSE(host.listDirectory(base, names));
+    EXPECT_EQ(names, std::vector<std::string>{".hidden"});
+
+    // A new file is new: neither an existing file nor a link is opened.
+    ASSERT_EQ(symlink((base + "/target").c_str(), (base + "/link").c_str()), 0);
+    quill::platform::CFileDescriptor fd;
+    EXPECT_EQ(host.createFile(base + "/.hidden", 0600, fd), std::errc::file_exists);
+    EXPECT_EQ(host.createFile(base + "/link", 0600, fd), std::errc::file_exists);
+    EXPECT_FALSE(fd);
+    EXPECT_EQ(host.openFileForReading(base + "/target", fd).value(), ENOENT);
+}
+
+TEST(LinuxHostFiles, ScopedFileCreationMaskIsRestoredOnEveryExit) {
+    const mode_t before = umask(022);
+    try {
+        const quill::platform::CScopedFileCreationMask scoped(0177);
+        EXPECT_EQ(umask(0177), 0177u);
+        throw std::runtime_error("leaves the scope");
+    } catch (const std::runtime_error&) {}
+    EXPECT_EQ(umask(before), 022u);
 }
 
 }  // namespace

@@ -22,7 +22,8 @@ public:
     // truncateFile fails with `truncateError` (0: it works).
     int truncateError = 0;
 
-    std::error_code openLockedFile(const std::string& path, quill::platform::FileLock lock, int& fd) override {
+    std::error_code openLockedFile(const std::string& path, quill::platform::FileLock lock,
+                                   quill::platform::CFileDescriptor& fd) override {
         if (openError) return {*openError, std::system_category()};
         return CHostWrapper::openLockedFile(path, lock, fd);
     }

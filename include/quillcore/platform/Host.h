@@ -24,6 +24,7 @@
 #include <system_error>
 #include <vector>
 
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/PLObject.h>
 #include <quillcore/platform/export.h>
 
@@ -49,8 +50,9 @@ struct CResourceLimit {
 };
 
 // External programs and files whose locations the system fixes. Each may be
-// moved elsewhere through an environment variable, read at every call, so that
-// tests can point them at fakes.
+// moved elsewhere through an environment variable, read at every call with
+// secure_getenv (so a privileged program is never redirected by its caller's
+// environment), so that tests can point them at fakes.
 enum class SystemPath : std::uint8_t {
     RunwardCtl,   // the service manager's control command
     Mount,        // the mount command
@@ -68,7 +70,7 @@ inline constexpr const char* kExportsFilePath = "/etc/exports";
 inline constexpr const char* kExportsFilePathVariable = "QUILL_EXPORTS_FILE";
 
 // When this environment variable names a file, console entries are appended to
-// that file instead of going to the system log.
+// that file instead of going to the system log (read with secure_getenv).
 inline constexpr const char* kConsoleLogVariable = "QUILL_CONSOLE_LOG";
 
 // How IHost::openLockedFile opens a file and which whole-file advisory lock
@@ -130,6 +132,13 @@ public:
     // mktime does. NaN when the date cannot be represented.
     virtual PLAbsoluteTime absoluteTime(const CCalendarDate& local) = 0;
 
+    // The setting that selects the system time zone right now (the real host:
+    // the TZ environment variable, null when unset). The text belongs to the
+    // host and stays valid until the setting changes; callers that cache
+    // calendar results compare it (pointer and text) to notice a change, and
+    // never keep it.
+    virtual const char* timeZoneSetting() = 0;
+
     // ------------------------------------------------------- host facts
 
     // The user-visible name of the computer; empty when it has none.
@@ -176,20 +185,23 @@ public:
 
     // ----------------------------------------------------- files and locks
     //
-    // Descriptors are plain POSIX descriptors, opened close-on-exec so that
-    // launched programs never inherit a lock. Failures come back as the
+    // Opening hands out a CFileDescriptor that owns the descriptor; the
+    // reading and writing calls borrow it as a plain int, which stays owned
+    // by the caller's CFileDescriptor. Descriptors are opened close-on-exec so
+    // that launched programs never inherit a lock. Failures come back as the
     // system's errno value (system category; message() is the system's text).
 
     // Opens `path` as `lock` says and takes that lock in the same step, before
     // any byte is read or written; blocks until the lock is granted, without
     // time-out (interrupted waits are resumed). The lock lives exactly as long
     // as the descriptor: closing it (or the process ending) gives it back. On
-    // success stores the descriptor in `fd`; on failure nothing stays open and
-    // `fd` is left as it was.
-    virtual std::error_code openLockedFile(const std::string& path, FileLock lock, int& fd) = 0;
-    // Closes `fd`. The descriptor is gone afterwards even when an error is
-    // reported.
-    virtual std::error_code closeFile(int fd) = 0;
+    // success `fd` owns the descriptor (one it held before is closed); on
+    // failure nothing stays open and `fd` is left as it was.
+    virtual std::error_code openLockedFile(const std::string& path, FileLock lock, CFileDescriptor& fd) = 0;
+    // Closes the descriptor `fd` owns and reports the system's error; `fd` is
+    // empty afterwards, and the descriptor gone, even when an error is
+    // reported. An empty `fd` is EBADF.
+    virtual std::error_code closeFile(CFileDescriptor& fd) = 0;
     // The length of the file, found by seeking to its end; the offset is put
     // back at the start of the file.
     virtual std::error_code fileLength(int fd, std::uint64_t& length) = 0;
@@ -208,9 +220,18 @@ public:
     // Opens `path` for appending, without a lock: every write goes to the
     // end of the file as it is at that moment, also with other writers. A
     // missing file is made with `mode` less the file-creation mask; with
-    // `truncate` the file is emptied first.
+    // `truncate` the file is emptied first. On success `fd` owns the
+    // descriptor; on failure it is left as it was.
     virtual std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
-                                                 int& fd) = 0;
+                                                 CFileDescriptor& fd) = 0;
+    // Opens `path` for reading only, without a lock. On success `fd` owns the
+    // descriptor; on failure it is left as it was.
+    virtual std::error_code openFileForReading(const std::string& path, CFileDescriptor& fd) = 0;
+    // Makes the new file `path` with `mode` less the file-creation mask and
+    // opens it for writing; an existing entry of that name (a symbolic link
+    // included) is never opened and fails with std::errc::file_exists. On
+    // success `fd` owns the descriptor; on failure it is left as it was.
+    virtual std::error_code createFile(const std::string& path, std::uint32_t mode, CFileDescriptor& fd) = 0;
     // Writes all `size` bytes at the current offset (for a file opened for
     // appending, its end), resuming after partial and interrupted writes;
     // `written` as for writeFileAt().
@@ -233,8 +254,24 @@ public:
     virtual std::error_code createDirectory(const std::string& path, std::uint32_t mode) = 0;
     // Sets the process's file-creation mask (umask) and returns the one it
     // replaces. The mask is process-wide: callers set it around one creation
-    // and put the old one back at once.
+    // and put the old one back at once, with a CScopedFileCreationMask.
     virtual std::uint32_t setFileCreationMask(std::uint32_t mask) = 0;
+
+    // ------------------------------------------------ directory entries
+    //
+    // Failures come back as the system's errno value, as above.
+
+    // Renames `from` to `to` in one step (rename(2)): an existing `to` is
+    // replaced atomically; both must be on one file system.
+    virtual std::error_code renameFile(const std::string& from, const std::string& to) = 0;
+    // Removes the directory entry `path` (unlink(2)); a directory is refused
+    // (EISDIR).
+    virtual std::error_code removeFile(const std::string& path) = 0;
+    // Removes the empty directory `path` (rmdir(2)).
+    virtual std::error_code removeDirectory(const std::string& path) = 0;
+    // The names of the entries of the directory `path`, without "." and "..",
+    // sorted bytewise. On failure `names` is left as it was.
+    virtual std::error_code listDirectory(const std::string& path, std::vector<std::string>& names) = 0;
 };
 
 // Forwards every call to a target host. Derive from it and override what a
@@ -253,6 +290,7 @@ public:
     PLAbsoluteTime currentTime() override;
     CCalendarDate calendarDate(PLAbsoluteTime at) override;
     PLAbsoluteTime absoluteTime(const CCalendarDate& local) override;
+    const char* timeZoneSetting() override;
     std::string computerName() override;
     std::vector<std::string> hostNames() override;
     std::vector<std::string> hostAddresses() override;
@@ -267,20 +305,27 @@ public:
     void logToConsole(std::string_view text) override;
     std::error_code getOpenFilesLimit(CResourceLimit& limit) override;
     std::error_code setOpenFilesLimit(const CResourceLimit& limit) override;
-    std::error_code openLockedFile(const std::string& path, FileLock lock, int& fd) override;
-    std::error_code closeFile(int fd) override;
+    std::error_code openLockedFile(const std::string& path, FileLock lock, CFileDescriptor& fd) override;
+    std::error_code closeFile(CFileDescriptor& fd) override;
     std::error_code fileLength(int fd, std::uint64_t& length) override;
     std::error_code readFile(int fd, void* buffer, std::size_t size, std::size_t& got) override;
     std::error_code writeFileAt(int fd, std::uint64_t offset, const void* data, std::size_t size,
                                 std::size_t& written) override;
     std::error_code truncateFile(int fd, std::uint64_t length) override;
-    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode, int& fd) override;
+    std::error_code openFileForAppending(const std::string& path, bool truncate, std::uint32_t mode,
+                                         CFileDescriptor& fd) override;
+    std::error_code openFileForReading(const std::string& path, CFileDescriptor& fd) override;
+    std::error_code createFile(const std::string& path, std::uint32_t mode, CFileDescriptor& fd) override;
     std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) override;
     std::error_code fileSystemStatus(const std::string& path) override;
     std::error_code fileMode(const std::string& path, std::uint32_t& mode) override;
     std::error_code setFileMode(const std::string& path, std::uint32_t mode) override;
     std::error_code createDirectory(const std::string& path, std::uint32_t mode) override;
     std::uint32_t setFileCreationMask(std::uint32_t mask) override;
+    std::error_code renameFile(const std::string& from, const std::string& to) override;
+    std::error_code removeFile(const std::string& path) override;
+    std::error_code removeDirectory(const std::string& path) override;
+    std::error_code listDirectory(const std::string& path, std::vector<std::string>& names) override;
 
 private:
     IHost* const _target;

@@ -67,6 +67,7 @@
 
 #include <ferrocore/CSharedObject.h>
 #include <quillcore/export.h>
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/PLObject.h>
 
 namespace quill {
@@ -114,12 +115,12 @@ public:
         // lock), sets it to -1 and returns true.
         bool close() noexcept;
 
-        bool isOpen() const noexcept { return _fd >= 0; }
+        bool isOpen() const noexcept { return _fd.valid(); }
         // The path (borrowed; null for an adopted descriptor).
         PLStringRef path() const noexcept { return _path.get(); }
         std::int32_t openMode() const noexcept { return _mode; }
         // The descriptor, -1 when not open.
-        int descriptor() const noexcept { return _fd; }
+        int descriptor() const noexcept { return _fd.get(); }
         // errno of the last failed open, 0 after a successful one.
         std::int32_t lastError() const noexcept { return _lastError; }
 
@@ -130,7 +131,7 @@ public:
     private:
         PLHolder<const PLString> _path;
         std::int32_t _mode;
-        std::int32_t _fd;
+        platform::CFileDescriptor _fd;
         std::int32_t _lastError;
     };
 

@@ -36,10 +36,10 @@ std::error_code CProcessSpawnerWrapper::waitForProcess(std::int32_t processID, C
 std::error_code CProcessSpawnerWrapper::signalProcess(std::int32_t processID, int signal) {
     return _target->signalProcess(processID, signal);
 }
-std::error_code CProcessSpawnerWrapper::openPipe(int& readEnd, int& writeEnd) {
+std::error_code CProcessSpawnerWrapper::openPipe(CFileDescriptor& readEnd, CFileDescriptor& writeEnd) {
     return _target->openPipe(readEnd, writeEnd);
 }
-std::error_code CProcessSpawnerWrapper::openPseudoTerminal(int& master, int& slave) {
+std::error_code CProcessSpawnerWrapper::openPseudoTerminal(CFileDescriptor& master, CFileDescriptor& slave) {
     return _target->openPseudoTerminal(master, slave);
 }
 std::error_code CProcessSpawnerWrapper::terminalInputFlags(int fd, std::uint32_t& flags) {
@@ -48,7 +48,6 @@ std::error_code CProcessSpawnerWrapper::terminalInputFlags(int fd, std::uint32_t
 std::error_code CProcessSpawnerWrapper::setTerminalInputFlags(int fd, std::uint32_t flags) {
     return _target->setTerminalInputFlags(fd, flags);
 }
-void CProcessSpawnerWrapper::closeDescriptor(int fd) { _target->closeDescriptor(fd); }
 std::int32_t CProcessSpawnerWrapper::effectiveUserID() { return _target->effectiveUserID(); }
 bool CProcessSpawnerWrapper::userEntry(std::int32_t userID, CUserEntry& entry) {
     return _target->userEntry(userID, entry);

@@ -19,6 +19,7 @@
 #include "platform/linux/PosixError.h"
 #include <ferrocore/CMutex.h>
 #include <ferrocore/ThreadAnnotations.h>
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/platform/RunLoop.h>
 
@@ -104,15 +105,11 @@ struct RunLoopNode {
 // Lock order: `mutex` is a leaf; no callback and no destructor of a callback
 // runs while it is held.
 struct RunLoopState {
-    ~RunLoopState() {
-        if (wakeFd >= 0) close(wakeFd);
-    }
-
     bool onLoopThread() const noexcept { return std::this_thread::get_id() == thread; }
 
     void wake() const noexcept {
         std::uint64_t one = 1;
-        ssize_t written = write(wakeFd, &one, sizeof one);
+        ssize_t written = write(wakeFd.get(), &one, sizeof one);
         static_cast<void>(written);  // a full counter already means "wake up"
     }
     void wakeFromOtherThread() const noexcept {
@@ -140,7 +137,7 @@ struct RunLoopState {
     bool fireTimers(const std::atomic<bool>& stopped);
 
     const std::thread::id thread = std::this_thread::get_id();
-    int wakeFd = -1;
+    CFileDescriptor wakeFd;
 
     mutable ferrocore::CMutex mutex;
     // In the order added.
@@ -195,7 +192,7 @@ bool RunLoopState::pass(Clock::time_point deadline, const std::atomic<bool>& sto
 
     std::vector<pollfd> fds;
     fds.reserve(watched.size() + 1);
-    fds.push_back({wakeFd, POLLIN, 0});
+    fds.push_back({wakeFd.get(), POLLIN, 0});
     for (const auto& node : watched) fds.push_back({node->fd, toPoll(node->events.load()), 0});
 
     Clock::time_point now = Clock::now();
@@ -208,7 +205,7 @@ bool RunLoopState::pass(Clock::time_point deadline, const std::atomic<bool>& sto
     }
     if (fds[0].revents & POLLIN) {
         std::uint64_t count = 0;
-        ssize_t got = read(wakeFd, &count, sizeof count);
+        ssize_t got = read(wakeFd.get(), &count, sizeof count);
         static_cast<void>(got);  // EAGAIN only means another pass drained it
     }
 
@@ -324,8 +321,8 @@ CRunLoop& CRunLoop::current() {
 }
 
 CRunLoop::CRunLoop() : _state(std::make_shared<detail::RunLoopState>()) {
-    _state->wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (_state->wakeFd < 0) throw std::system_error(posixError(errno), "CRunLoop: eventfd");
+    _state->wakeFd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!_state->wakeFd) throw std::system_error(posixError(errno), "CRunLoop: eventfd");
 }
 
 CRunLoop::~CRunLoop() {

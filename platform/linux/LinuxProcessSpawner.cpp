@@ -130,31 +130,24 @@ public:
     // Close-on-exec everywhere: only the child that a descriptor is meant for
     // gets it, by duplicating it onto a standard stream, so children started
     // by other threads at the same moment do not hold it open.
-    std::error_code openPipe(int& readEnd, int& writeEnd) override {
+    std::error_code openPipe(CFileDescriptor& readEnd, CFileDescriptor& writeEnd) override {
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) != 0) return lastError();
-        readEnd = fds[0];
-        writeEnd = fds[1];
+        readEnd.reset(fds[0]);
+        writeEnd.reset(fds[1]);
         return {};
     }
 
-    std::error_code openPseudoTerminal(int& master, int& slave) override {
-        const int m = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (m < 0) return lastError();
+    std::error_code openPseudoTerminal(CFileDescriptor& master, CFileDescriptor& slave) override {
+        CFileDescriptor m(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+        if (!m) return lastError();
         char name[128];
-        if (grantpt(m) != 0 || unlockpt(m) != 0 || ptsname_r(m, name, sizeof name) != 0) {
-            const std::error_code error = lastError();
-            close(m);
-            return error;
-        }
-        const int s = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (s < 0) {
-            const std::error_code error = lastError();
-            close(m);
-            return error;
-        }
-        master = m;
-        slave = s;
+        if (grantpt(m.get()) != 0 || unlockpt(m.get()) != 0 || ptsname_r(m.get(), name, sizeof name) != 0)
+            return lastError();
+        CFileDescriptor s(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
+        if (!s) return lastError();
+        master = std::move(m);
+        slave = std::move(s);
         return {};
     }
 
@@ -172,8 +165,6 @@ public:
         if (tcsetattr(fd, TCSANOW, &attributes) != 0) return lastError();
         return {};
     }
-
-    void closeDescriptor(int fd) override { close(fd); }
 
     std::int32_t effectiveUserID() override { return static_cast<std::int32_t>(geteuid()); }
 

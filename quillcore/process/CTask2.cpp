@@ -63,20 +63,14 @@ void CTask2::closeTerminal() {
 }
 
 void CTask2::closeTerminalLocked() {
-    platform::IProcessSpawner& spawner = platform::processSpawner();
-    for (int* fd : {&_master, &_slave}) {
-        if (*fd != -1) spawner.closeDescriptor(*fd);
-        *fd = -1;
-    }
+    _master.reset();
+    _slave.reset();
     if (_reader) {
         std::fclose(_reader);  // closes the pipe's read end with it
         _reader = nullptr;
-    } else if (_pipeRead != -1) {
-        spawner.closeDescriptor(_pipeRead);
     }
-    _pipeRead = -1;
-    if (_pipeWrite != -1) spawner.closeDescriptor(_pipeWrite);
-    _pipeWrite = -1;
+    _pipeRead.reset();
+    _pipeWrite.reset();
 }
 
 int CTask2::on_fork() {
@@ -88,8 +82,8 @@ int CTask2::on_fork() {
         throwIfFailed(spawner.openPipe(_pipeRead, _pipeWrite), "pipe failed'");
         throwIfFailed(spawner.openPseudoTerminal(_master, _slave), "failed to open tty'");
         std::uint32_t flags = 0;
-        throwIfFailed(spawner.terminalInputFlags(_slave, flags), "tcgetattr failed'");
-        throwIfFailed(spawner.setTerminalInputFlags(_slave, flags & ~kClearedInputFlag), "tcsetattr failed'");
+        throwIfFailed(spawner.terminalInputFlags(_slave.get(), flags), "tcgetattr failed'");
+        throwIfFailed(spawner.setTerminalInputFlags(_slave.get(), flags & ~kClearedInputFlag), "tcsetattr failed'");
     } catch (const ferrocore::CException& e) {
         errno = e.errorNumber();
         return -1;
@@ -102,29 +96,34 @@ int CTask2::on_fork() {
 // suspended, and nobody else changes them during a launch.
 int CTask2::on_exec() FERRO_NO_THREAD_SAFETY_ANALYSIS {
     namespace child = platform::child;
-    int error = child::closeDescriptor(_master);
+    // Only the plain system calls of the child: the owning objects are the
+    // parent's and stay untouched here.
+    const int master = _master.get(), slave = _slave.get();
+    const int pipeRead = _pipeRead.get(), pipeWrite = _pipeWrite.get();
+    int error = child::closeDescriptor(master);
     if (!error) error = child::startSession();
-    if (!error) error = child::duplicateDescriptor(_slave, 0);
-    if (!error && _slave != 0) error = child::closeDescriptor(_slave);
+    if (!error) error = child::duplicateDescriptor(slave, 0);
+    if (!error && slave != 0) error = child::closeDescriptor(slave);
     if (!error) error = child::makeControllingTerminal(0);
-    if (!error) error = child::closeDescriptor(_pipeRead);
-    if (!error) error = child::duplicateDescriptor(_pipeWrite, 1);
-    if (!error) error = child::duplicateDescriptor(_pipeWrite, 2);
-    if (!error && _pipeWrite > 2) error = child::closeDescriptor(_pipeWrite);
+    if (!error) error = child::closeDescriptor(pipeRead);
+    if (!error) error = child::duplicateDescriptor(pipeWrite, 1);
+    if (!error) error = child::duplicateDescriptor(pipeWrite, 2);
+    if (!error && pipeWrite > 2) error = child::closeDescriptor(pipeWrite);
     return error;
 }
 
 int CTask2::post_fork() {
     if (const int result = CTask::post_fork(); result != 0) return result;
     ferrocore::CAutoMutex lock(_mutex);
-    if (_pipeWrite != -1) platform::processSpawner().closeDescriptor(_pipeWrite);
-    _pipeWrite = -1;
-    _reader = fdopen(_pipeRead, "r");
-    if (!_reader) {
+    _pipeWrite.reset();
+    _reader = fdopen(_pipeRead.get(), "r");
+    if (_reader) {
+        (void)_pipeRead.release();  // the reader owns it now
+    } else {
         // The launch stands; the output is lost, and getTaskOutput() says so
         // by returning null.
         const ferrocore::CParamException failure(
-            ferrocore::formatString("Failed to open file from pipe: %d", _pipeRead));
+            ferrocore::formatString("Failed to open file from pipe: %d", _pipeRead.get()));
         PLUtil::LogToConsole(failure.what());
     }
     return 0;

@@ -26,6 +26,7 @@
 
 #include "Commands.h"
 #include "ToolSupport.h"
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/NotificationCenter.h>
 #include <quillcore/platform/RunLoop.h>
 #include <quillcore/util/CTimeStamp.h>
@@ -207,15 +208,15 @@ int watch(const WatchOptions& options) {
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    int signalFd = signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (signalFd < 0) {
+    const quill::platform::CFileDescriptor signalFd(signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!signalFd) {
         printError("can't watch for Ctrl-C");
         return 1;
     }
 
     CRunLoop& loop = CRunLoop::current();
     bool done = false;
-    auto stopSource = loop.addFileDescriptorSource(signalFd, CRunLoop::kReadable, [&](int, unsigned) {
+    auto stopSource = loop.addFileDescriptorSource(signalFd.get(), CRunLoop::kReadable, [&](int, unsigned) {
         done = true;
         loop.stop();
     });
@@ -236,7 +237,6 @@ int watch(const WatchOptions& options) {
     while (!done) loop.runFor(3600.0);
     notificationCenter().removeObserver(&token);
     stopSource.remove();
-    close(signalFd);
     return 0;
 }
 

@@ -30,6 +30,7 @@
 #include <type_traits>
 #include <utility>
 
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/export.h>
 
 namespace quill::platform {
@@ -118,23 +119,21 @@ public:
     virtual std::error_code signalProcess(std::int32_t processID, int signal) = 0;
 
     // A new pipe. Both descriptors are close-on-exec: a child that is to use
-    // one duplicates it onto a standard stream. The caller owns them.
-    virtual std::error_code openPipe(int& readEnd, int& writeEnd) = 0;
+    // one duplicates it onto a standard stream. On success the two ends own
+    // them (descriptors they held before are closed); on failure both are
+    // left as they were.
+    virtual std::error_code openPipe(CFileDescriptor& readEnd, CFileDescriptor& writeEnd) = 0;
 
     // A new pseudo-terminal pair with default settings, not the calling
     // process's controlling terminal; both ends close-on-exec, as for
-    // openPipe(). The caller owns them.
-    virtual std::error_code openPseudoTerminal(int& master, int& slave) = 0;
+    // openPipe(), and owned as there.
+    virtual std::error_code openPseudoTerminal(CFileDescriptor& master, CFileDescriptor& slave) = 0;
 
     // The input-mode flags (c_iflag) of the terminal `fd`.
     virtual std::error_code terminalInputFlags(int fd, std::uint32_t& flags) = 0;
     // Replaces the input-mode flags of the terminal `fd`, at once, keeping
     // its other settings.
     virtual std::error_code setTerminalInputFlags(int fd, std::uint32_t flags) = 0;
-
-    // Closes a descriptor; errors (also EINTR) are ignored, as the descriptor
-    // is gone on Linux either way.
-    virtual void closeDescriptor(int fd) = 0;
 
     // The effective user ID of this process.
     virtual std::int32_t effectiveUserID() = 0;
@@ -158,11 +157,10 @@ public:
                        ChildMemory memory) override;
     std::error_code waitForProcess(std::int32_t processID, CProcessEnd& end) override;
     std::error_code signalProcess(std::int32_t processID, int signal) override;
-    std::error_code openPipe(int& readEnd, int& writeEnd) override;
-    std::error_code openPseudoTerminal(int& master, int& slave) override;
+    std::error_code openPipe(CFileDescriptor& readEnd, CFileDescriptor& writeEnd) override;
+    std::error_code openPseudoTerminal(CFileDescriptor& master, CFileDescriptor& slave) override;
     std::error_code terminalInputFlags(int fd, std::uint32_t& flags) override;
     std::error_code setTerminalInputFlags(int fd, std::uint32_t flags) override;
-    void closeDescriptor(int fd) override;
     std::int32_t effectiveUserID() override;
     bool userEntry(std::int32_t userID, CUserEntry& entry) override;
 

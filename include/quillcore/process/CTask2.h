@@ -34,6 +34,7 @@
 #include <ferrocore/CString.h>
 #include <ferrocore/ThreadAnnotations.h>
 #include <quillcore/export.h>
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/process/CArgsBuilder.h>
 #include <quillcore/process/CTask.h>
 
@@ -85,11 +86,12 @@ private:
     void closeTerminalLocked() FERRO_REQUIRES(_mutex);
 
     ferrocore::CMutex _mutex;
-    int _master FERRO_GUARDED_BY(_mutex) = -1;
-    int _slave FERRO_GUARDED_BY(_mutex) = -1;
+    platform::CFileDescriptor _master FERRO_GUARDED_BY(_mutex);
+    platform::CFileDescriptor _slave FERRO_GUARDED_BY(_mutex);
+    // Owns the pipe's read end once it is open; _pipeRead is empty then.
     std::FILE* _reader FERRO_GUARDED_BY(_mutex) = nullptr;
-    int _pipeRead FERRO_GUARDED_BY(_mutex) = -1;
-    int _pipeWrite FERRO_GUARDED_BY(_mutex) = -1;
+    platform::CFileDescriptor _pipeRead FERRO_GUARDED_BY(_mutex);
+    platform::CFileDescriptor _pipeWrite FERRO_GUARDED_BY(_mutex);
 };
 
 using CTask2Ref = ferrocore::CSharedObjectRef<CTask2>;

@@ -286,10 +286,12 @@ struct FailingSpawner : platform::CProcessSpawnerWrapper {
     bool userEntry(std::int32_t uid, platform::CUserEntry& entry) override {
         return !noUser && CProcessSpawnerWrapper::userEntry(uid, entry);
     }
-    std::error_code openPipe(int& readEnd, int& writeEnd) override {
+    std::error_code openPipe(quill::platform::CFileDescriptor& readEnd,
+                             quill::platform::CFileDescriptor& writeEnd) override {
         return pipeError ? error(pipeError) : CProcessSpawnerWrapper::openPipe(readEnd, writeEnd);
     }
-    std::error_code openPseudoTerminal(int& master, int& slave) override {
+    std::error_code openPseudoTerminal(quill::platform::CFileDescriptor& master,
+                                       quill::platform::CFileDescriptor& slave) override {
         return terminalError ? error(terminalError) : CProcessSpawnerWrapper::openPseudoTerminal(master, slave);
     }
     std::error_code setTerminalInputFlags(int fd, std::uint32_t flags) override {

@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-mapfile -t files < <(git ls-files -- '*.cpp' '*.h' | grep -v '^fuzz/corpus/')
+mapfile -t files < <(git ls-files --cached --others --exclude-standard -- '*.cpp' '*.h' | grep -v '^fuzz/corpus/')
 [[ ${#files[@]} -gt 0 ]] || exit 0
 if [[ "${1:-}" == "--fix" ]]; then
     clang-format -i "${files[@]}"

@@ -151,7 +151,7 @@ private:
     // caller of that function (which the analysis cannot follow).
     static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error) FERRO_NO_THREAD_SAFETY_ANALYSIS;
     static int onMatch(sd_bus_message* message, void* self, sd_bus_error* error);
-    void takeSignal(sd_bus_message* message) FERRO_NO_THREAD_SAFETY_ANALYSIS;
+    void takeSignal(sd_bus_message* message) FERRO_REQUIRES(_mutex);
     static int onMatchInstalled(sd_bus_message* message, void* self,
                                 sd_bus_error* error) FERRO_NO_THREAD_SAFETY_ANALYSIS;
 

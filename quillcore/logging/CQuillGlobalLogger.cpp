@@ -7,35 +7,36 @@ namespace quill {
 
 namespace {
 
+struct GlobalLogger {
+    ferrocore::CMutex mutex;
+    CQuillLoggerRef logger FERRO_GUARDED_BY(mutex);
+};
+
 pthread_once_t gOnce = PTHREAD_ONCE_INIT;
 // Made once and never destroyed: loggers may log from other threads and from
 // static destructors until the very end of the process.
-ferrocore::CMutex* gMutex = nullptr;
-CQuillLoggerRef* gLogger = nullptr;
+GlobalLogger* gGlobal = nullptr;
 
-void initOnce() {
-    gMutex = new ferrocore::CMutex();
-    gLogger = new CQuillLoggerRef();
-}
+void initOnce() { gGlobal = new GlobalLogger(); }
 
 }  // namespace
 
 CQuillLoggerRef CQuillGlobalLogger::getLogger() {
     pthread_once(&gOnce, initOnce);
-    ferrocore::CAutoMutex lock(*gMutex);
-    if (!*gLogger) {
+    ferrocore::CAutoMutex lock(gGlobal->mutex);
+    if (!gGlobal->logger) {
         CQuillLoggerRef logger = CQuillLogger::create();
         logger->startupLogging(false, nullptr, 0);
-        *gLogger = std::move(logger);
+        gGlobal->logger = std::move(logger);
     }
-    return *gLogger;
+    return gGlobal->logger;
 }
 
 void CQuillGlobalLogger::setLogger(CQuillLoggerRef logger) {
     pthread_once(&gOnce, initOnce);
     {
-        ferrocore::CAutoMutex lock(*gMutex);
-        std::swap(*gLogger, logger);
+        ferrocore::CAutoMutex lock(gGlobal->mutex);
+        std::swap(gGlobal->logger, logger);
     }
     // `logger` now holds the previous one, released here, outside the lock.
 }

@@ -1,5 +1,3 @@
-#include <pthread.h>
-
 #include <ferrocore/CMutex.h>
 #include <quillcore/logging/CQuillGlobalLogger.h>
 
@@ -7,36 +5,36 @@ namespace quill {
 
 namespace {
 
-struct GlobalLogger {
+struct GlobalState {
     ferrocore::CMutex mutex;
     CQuillLoggerRef logger FERRO_GUARDED_BY(mutex);
 };
 
-pthread_once_t gOnce = PTHREAD_ONCE_INIT;
 // Made once and never destroyed: loggers may log from other threads and from
 // static destructors until the very end of the process.
-GlobalLogger* gGlobal = nullptr;
-
-void initOnce() { gGlobal = new GlobalLogger(); }
+GlobalState& globalState() {
+    static GlobalState* const instance = new GlobalState();
+    return *instance;
+}
 
 }  // namespace
 
 CQuillLoggerRef CQuillGlobalLogger::getLogger() {
-    pthread_once(&gOnce, initOnce);
-    ferrocore::CAutoMutex lock(gGlobal->mutex);
-    if (!gGlobal->logger) {
+    GlobalState& state = globalState();
+    ferrocore::CAutoMutex lock(state.mutex);
+    if (!state.logger) {
         CQuillLoggerRef logger = CQuillLogger::create();
         logger->startupLogging(false, nullptr, 0);
-        gGlobal->logger = std::move(logger);
+        state.logger = std::move(logger);
     }
-    return gGlobal->logger;
+    return state.logger;
 }
 
 void CQuillGlobalLogger::setLogger(CQuillLoggerRef logger) {
-    pthread_once(&gOnce, initOnce);
+    GlobalState& state = globalState();
     {
-        ferrocore::CAutoMutex lock(gGlobal->mutex);
-        std::swap(gGlobal->logger, logger);
+        ferrocore::CAutoMutex lock(state.mutex);
+        std::swap(state.logger, logger);
     }
     // `logger` now holds the previous one, released here, outside the lock.
 }

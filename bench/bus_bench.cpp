@@ -23,6 +23,8 @@
 #include <quillcore/platform/RunLoop.h>
 #ifdef QUILL_BENCH_HAVE_SDBUS
 #include <systemd/sd-bus.h>
+
+#include "platform/linux/SdBusHandles.h"
 #endif
 
 #include <algorithm>
@@ -109,11 +111,12 @@ int runOurPeer() {
 constexpr const char* kBarePath = "/org/quillbench/Bare";
 constexpr const char* kBareIface = "org.quillbench.Bare";
 
-sd_bus* bareConnect() {
-    sd_bus* bus = nullptr;
+SdBusHandle bareConnect() {
+    SdBusHandle bus;
     const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-    if (sd_bus_new(&bus) < 0 || sd_bus_set_address(bus, address) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
-        sd_bus_start(bus) < 0)
+    if (sd_bus_new(SdOut(bus)) < 0) die("bare: can't connect");
+    if (sd_bus_set_address(bus.get(), address) < 0 || sd_bus_set_bus_client(bus.get(), 1) < 0 ||
+        sd_bus_start(bus.get()) < 0)
         die("bare: can't connect");
     return bus;
 }
@@ -145,7 +148,7 @@ void barePump(sd_bus* bus, const bool& flag, std::uint64_t idleSeconds = 10) {
 }
 
 struct BarePeer {
-    sd_bus* bus = nullptr;
+    SdBusHandle bus;
     std::uint32_t count = 0;
     bool quit = false;
 };
@@ -154,15 +157,15 @@ int runBarePeer() {
     BarePeer peer;
     peer.bus = bareConnect();
     bareMatch(
-        peer.bus, "Ping",
+        peer.bus.get(), "Ping",
         [](sd_bus_message* m, void* data, sd_bus_error*) {
             const char* s = nullptr;
-            if (sd_bus_message_read(m, "s", &s) >= 0) bareEmit(static_cast<BarePeer*>(data)->bus, "Pong", "s", s);
+            if (sd_bus_message_read(m, "s", &s) >= 0) bareEmit(static_cast<BarePeer*>(data)->bus.get(), "Pong", "s", s);
             return 0;
         },
         &peer);
     bareMatch(
-        peer.bus, "Data",
+        peer.bus.get(), "Data",
         [](sd_bus_message* m, void* data, sd_bus_error*) {
             const char* s = nullptr;
             if (sd_bus_message_read(m, "s", &s) >= 0 && s[0]) ++static_cast<BarePeer*>(data)->count;
@@ -170,24 +173,24 @@ int runBarePeer() {
         },
         &peer);
     bareMatch(
-        peer.bus, "End",
+        peer.bus.get(), "End",
         [](sd_bus_message*, void* data, sd_bus_error*) {
             auto* p = static_cast<BarePeer*>(data);
-            bareEmit(p->bus, "Done", "u", p->count);
+            bareEmit(p->bus.get(), "Done", "u", p->count);
             p->count = 0;
             return 0;
         },
         &peer);
     bareMatch(
-        peer.bus, "Quit",
+        peer.bus.get(), "Quit",
         [](sd_bus_message*, void* data, sd_bus_error*) {
             static_cast<BarePeer*>(data)->quit = true;
             return 0;
         },
         &peer);
-    bareEmit(peer.bus, "Ready", "");
-    barePump(peer.bus, peer.quit, 0);
-    sd_bus_flush_close_unref(peer.bus);
+    bareEmit(peer.bus.get(), "Ready", "");
+    barePump(peer.bus.get(), peer.quit, 0);
+    sd_bus_flush(peer.bus.get());
     return 0;
 }
 #endif
@@ -207,7 +210,7 @@ struct Ours {
 
 #ifdef QUILL_BENCH_HAVE_SDBUS
 struct Bare {
-    sd_bus* bus = nullptr;
+    SdBusHandle bus;
     bool ready = false;
     bool pong = false;
     bool done = false;
@@ -349,11 +352,11 @@ void BM_OneWayOurs(benchmark::State& state) {
 void startBare() {
     gBare.bus = bareConnect();
     bareMatch(
-        gBare.bus, "Ready", [](sd_bus_message*, void*, sd_bus_error*) { return gBare.ready = true, 0; }, nullptr);
+        gBare.bus.get(), "Ready", [](sd_bus_message*, void*, sd_bus_error*) { return gBare.ready = true, 0; }, nullptr);
     bareMatch(
-        gBare.bus, "Pong", [](sd_bus_message*, void*, sd_bus_error*) { return gBare.pong = true, 0; }, nullptr);
+        gBare.bus.get(), "Pong", [](sd_bus_message*, void*, sd_bus_error*) { return gBare.pong = true, 0; }, nullptr);
     bareMatch(
-        gBare.bus, "Done",
+        gBare.bus.get(), "Done",
         [](sd_bus_message* m, void*, sd_bus_error*) {
             sd_bus_message_read(m, "u", &gBare.doneCount);
             gBare.done = true;
@@ -361,7 +364,7 @@ void startBare() {
         },
         nullptr);
     spawn({"/proc/self/exe", "--peer-bare"});
-    barePump(gBare.bus, gBare.ready);
+    barePump(gBare.bus.get(), gBare.ready);
 }
 
 void BM_RoundTripBare(benchmark::State& state) {
@@ -373,8 +376,8 @@ void BM_RoundTripBare(benchmark::State& state) {
         std::snprintf(text, sizeof text, "ping %08d", seq++);
         gBare.pong = false;
         const auto start = Clock::now();
-        bareEmit(gBare.bus, "Ping", "s", text);
-        barePump(gBare.bus, gBare.pong);
+        bareEmit(gBare.bus.get(), "Ping", "s", text);
+        barePump(gBare.bus.get(), gBare.pong);
         double t = std::chrono::duration<double>(Clock::now() - start).count();
         state.SetIterationTime(t);
         seconds.push_back(t);
@@ -387,9 +390,9 @@ void BM_OneWayBare(benchmark::State& state) {
     for (auto _ : state) {
         gBare.done = false;
         const auto start = Clock::now();
-        for (int i = 0; i < kFlood; ++i) bareEmit(gBare.bus, "Data", "s", text.c_str());
-        bareEmit(gBare.bus, "End", "");
-        barePump(gBare.bus, gBare.done);
+        for (int i = 0; i < kFlood; ++i) bareEmit(gBare.bus.get(), "Data", "s", text.c_str());
+        bareEmit(gBare.bus.get(), "End", "");
+        barePump(gBare.bus.get(), gBare.done);
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
         if (gBare.doneCount != kFlood) die("the bare peer saw " + std::to_string(gBare.doneCount) + " signals");
     }
@@ -436,16 +439,17 @@ int main(int argc, char** argv) {
     startBare();
     for (int i = 0; i < kWarmup; ++i) {
         gBare.pong = false;
-        bareEmit(gBare.bus, "Ping", "s", "warm-up");
-        barePump(gBare.bus, gBare.pong);
+        bareEmit(gBare.bus.get(), "Ping", "s", "warm-up");
+        barePump(gBare.bus.get(), gBare.pong);
     }
 #endif
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     notificationCenter().post(str("bench.quit").get(), nullptr, nullptr);
 #ifdef QUILL_BENCH_HAVE_SDBUS
-    bareEmit(gBare.bus, "Quit", "");
-    sd_bus_flush_close_unref(gBare.bus);
+    bareEmit(gBare.bus.get(), "Quit", "");
+    sd_bus_flush(gBare.bus.get());
+    gBare.bus.reset();
 #endif
     notificationCenter().flush(1.0);
     return 0;

@@ -9,6 +9,12 @@ function(quill_defaults target)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(${target} PRIVATE -Wno-restrict)
   endif()
+  # clang checks the locking annotations (ferrocore/ThreadAnnotations.h) in
+  # every layer; under QUILL_WERROR a violation fails the build like any other
+  # warning.
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    target_compile_options(${target} PRIVATE -Wthread-safety)
+  endif()
   if(QUILL_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

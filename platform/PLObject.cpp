@@ -7,13 +7,13 @@
 #include <ctime>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <stdexcept>
 
 #include <unistd.h>
 
 #include "platform/PLObjectFactory.h"
+#include <ferrocore/CMutex.h>
 #include <quillcore/platform/PLObject.h>
 
 namespace {
@@ -840,7 +840,7 @@ class BlockPool {
 public:
     void* take() {
         {
-            std::lock_guard lock(_mutex);
+            ferrocore::CAutoStaticMutex lock(_mutex);
             if (_count > 0) return _blocks[--_count];
         }
         void* block = std::aligned_alloc(kPLSlabSize, kPLSlabSize);
@@ -849,7 +849,7 @@ public:
     }
     void give(void* block) noexcept {
         {
-            std::lock_guard lock(_mutex);
+            ferrocore::CAutoStaticMutex lock(_mutex);
             if (_count < kKeptBlocks) {
                 _blocks[_count++] = block;
                 return;
@@ -860,9 +860,9 @@ public:
 
 private:
     static constexpr std::size_t kKeptBlocks = 128;
-    std::mutex _mutex;
-    void* _blocks[kKeptBlocks] = {};
-    std::size_t _count = 0;
+    ferrocore::CStaticMutex _mutex;
+    void* _blocks[kKeptBlocks] FERRO_GUARDED_BY(_mutex) = {};
+    std::size_t _count FERRO_GUARDED_BY(_mutex) = 0;
 };
 
 // Constant-initialised and trivially destructible: usable at any time,

@@ -26,6 +26,7 @@
 #include "platform/PLPropertyListPrivate.h"
 #include "platform/PLPropertyListReaders.h"
 #include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/platform/PLPropertyListText.h>
 
 namespace {
 
@@ -190,23 +191,6 @@ std::string quote(std::string_view s) {
     return q;
 }
 
-// For decoding base64 four symbols at once: a symbol's value shifted to its
-// place in the 24 bits of a group of four, and a high bit for anything that
-// is not a symbol.
-constexpr std::uint32_t kNotBase64 = std::uint32_t{1} << 31;
-
-constexpr std::array<std::array<std::uint32_t, 256>, 4> makeBase64Table() {
-    std::array<std::array<std::uint32_t, 256>, 4> t{};
-    constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (std::size_t place = 0; place < 4; ++place) {
-        t[place].fill(kNotBase64);
-        for (std::uint32_t v = 0; v < 64; ++v)
-            t[place][static_cast<unsigned char>(kAlphabet[v])] = v << (6 * (3 - place));
-    }
-    return t;
-}
-constexpr std::array<std::array<std::uint32_t, 256>, 4> kBase64 = makeBase64Table();
-
 // expat seeds the hash tables of every document afresh from the system (a
 // getrandom call per document) unless it is given a seed. One drawn from the
 // system when a reader is made is as unknown to the authors of the documents
@@ -253,8 +237,6 @@ private:
     static constexpr std::size_t kKeptValues = std::size_t{1} << 16;
     static constexpr std::size_t kKeptText = 64 * 1024;
     static constexpr std::size_t kFirstText = 1024;
-    // Writable bytes past the capacity of the text buffer (see makeData).
-    static constexpr std::size_t kTextSlack = 8;
     // Documents from this size on have their values pooled (see
     // PLObjectFactory); smaller ones would not fill a block.
     static constexpr std::size_t kPooledDocumentSize = kPLSlabSize;
@@ -473,7 +455,7 @@ private:
     }
 
     void makeTextBuffer(std::size_t capacity) {
-        _textBuffer = std::make_unique<char[]>(capacity + kTextSlack);
+        _textBuffer = std::make_unique<char[]>(capacity);
         _textCapacity = capacity;
     }
 
@@ -601,56 +583,16 @@ private:
     }
 
     [[gnu::noinline]] void makeDate() {
-        const std::string_view t = trim(leafText());
-        auto digits = [&](std::size_t at, std::size_t n, unsigned* out) {
-            unsigned v = 0;
-            for (std::size_t i = at; i < at + n; ++i) {
-                if (t[i] < '0' || t[i] > '9') return false;
-                v = v * 10 + static_cast<unsigned>(t[i] - '0');
-            }
-            *out = v;
-            return true;
-        };
-        unsigned year, month, day, hour, minute, second;
-        const bool shaped = t.size() >= 20 && t.back() == 'Z' && t[4] == '-' && t[7] == '-' && t[10] == 'T' &&
-                            t[13] == ':' && t[16] == ':' && digits(0, 4, &year) && digits(5, 2, &month) &&
-                            digits(8, 2, &day) && digits(11, 2, &hour) && digits(14, 2, &minute) &&
-                            digits(17, 2, &second);
-        std::string_view fraction;
-        bool fractionOK = t.size() == 20;
-        if (shaped && !fractionOK && t[19] == '.' && t.size() > 21) {
-            fraction = t.substr(20, t.size() - 21);
-            fractionOK = fraction.find_first_not_of("0123456789") == std::string_view::npos;
-        }
-        if (!shaped || !fractionOK) return invalidLeaf("invalid date ", " (expected YYYY-MM-DDTHH:MM:SSZ)");
-        if (month < 1 || month > 12 || day < 1 || day > plimpl::daysInMonth(year, month) || hour > 23 || minute > 59 ||
-            second > 59)
-            return invalidLeaf("invalid date ", " (a field is out of range)");
-        const std::int64_t unix = plimpl::daysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second;
-        const std::int64_t whole = unix - static_cast<std::int64_t>(kPLAbsoluteTimeIntervalSince1970);
-        while (!fraction.empty() && fraction.back() == '0') fraction.remove_suffix(1);
-        if (fraction.empty()) return push(_factory->date(static_cast<double>(whole)));
-        // whole + 0.fraction, rounded once: as one decimal number (for a
-        // negative whole, -((-whole - 1) + (1 - 0.fraction))).
-        std::vector<char> number(fraction.size() + 32);
-        char* p = number.data();
-        if (whole < 0) *p++ = '-';
-        p = std::to_chars(p, p + 24, whole < 0 ? -whole - 1 : whole).ptr;
-        *p++ = '.';
-        std::memcpy(p, fraction.data(), fraction.size());
-        if (whole < 0) plimpl::complementDecimalFraction(p, fraction.size());
-        p += fraction.size();
         double at = 0;
-        std::from_chars(number.data(), p, at);
-        push(_factory->date(at));
+        switch (PLDateFromISO8601(trim(leafText()), &at)) {
+            case PLDateTextStatus::OK: return push(_factory->date(at));
+            case PLDateTextStatus::Malformed: return invalidLeaf("invalid date ", " (expected YYYY-MM-DDTHH:MM:SSZ)");
+            case PLDateTextStatus::OutOfRange: return invalidLeaf("invalid date ", " (a field is out of range)");
+        }
     }
 
-    // Base64 is decoded with as few data-dependent branches as can be: they
-    // cost more than the arithmetic, as the branch predictor has other
-    // things to remember between one <data> and the next. The symbols are
-    // first moved together in place over the white space (eight at a time
-    // where a word holds none), then decoded four at a time, invalid symbols
-    // only noted on the way.
+    // The symbols are first moved together in place over the white space
+    // (eight at a time where a word holds none), then decoded in place.
     [[gnu::noinline]] void makeData() {
         ownText();  // decoded in place
         auto* const c = reinterpret_cast<unsigned char*>(_textBuffer.get());
@@ -681,32 +623,13 @@ private:
         const bool lastIsPad = n >= 1 && c[n - 1] == '=';
         const std::size_t pads = lastIsPad + (lastIsPad && n >= 2 && c[n - 2] == '=');
         const std::size_t symbols = n - pads;
-        const std::size_t rest = symbols % 4;
-        // Decoded in place: a group's three bytes go where its four symbols
-        // began, and it is read before it is overwritten.
-        std::uint8_t* const bytes = c;
-        std::uint8_t* d = bytes;
-        const unsigned char* s = c;
-        const unsigned char* const whole = c + (symbols - rest);
-        std::uint32_t seen = 0;
-        for (; s != whole; s += 4, d += 3) {
-            const std::uint32_t v = kBase64[0][s[0]] | kBase64[1][s[1]] | kBase64[2][s[2]] | kBase64[3][s[3]];
-            seen |= v;
-            d[0] = static_cast<std::uint8_t>(v >> 16);
-            d[1] = static_cast<std::uint8_t>(v >> 8);
-            d[2] = static_cast<std::uint8_t>(v);
+        switch (PLBase64Decode(reinterpret_cast<const char*>(c), symbols, c)) {
+            case PLBase64Status::OK: break;
+            case PLBase64Status::InvalidSymbol: return fail("invalid base64 data in <data>");
+            case PLBase64Status::Truncated: return fail("invalid base64 data in <data> (truncated)");
         }
-        // The last, partial group, completed with zero-valued symbols (the
-        // slack of the buffer has room for them).
-        c[symbols] = c[symbols + 1] = c[symbols + 2] = 'A';
-        const std::uint32_t v = kBase64[0][s[0]] | kBase64[1][s[1]] | kBase64[2][s[2]];
-        seen |= v;
-        if (seen & kNotBase64) return fail("invalid base64 data in <data>");
-        if (rest == 1) return fail("invalid base64 data in <data> (truncated)");
-        d[0] = static_cast<std::uint8_t>(v >> 16);
-        d[1] = static_cast<std::uint8_t>(v >> 8);
-        constexpr unsigned char kBytesOfRest[] = {0, 0, 1, 2};
-        const std::size_t length = static_cast<std::size_t>(d - bytes) + kBytesOfRest[rest];
+        const std::uint8_t* const bytes = c;
+        const std::size_t length = symbols * 3 / 4;
         if (_mutableLeaves) return push(PLMutableData::create(bytes, length));
         push(_factory->data(bytes, length));
     }
@@ -723,8 +646,7 @@ private:
     // Character data of the current leaf: _textSize bytes at _text, which is
     // either _textBuffer or borrowed from expat's input, [_inputBegin,
     // _inputEnd) while a call to XML_Parse lasts (both zero until known).
-    // The buffer is always allocated, with kTextSlack bytes beyond
-    // _textCapacity.
+    // The buffer is always allocated.
     std::unique_ptr<char[]> _textBuffer;
     const char* _text = nullptr;
     std::size_t _textSize = 0;

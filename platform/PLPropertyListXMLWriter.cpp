@@ -18,6 +18,7 @@
 #include "platform/PLPropertyListPrivate.h"
 #include <ferrocore/Utf8.h>
 #include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/platform/PLPropertyListText.h>
 
 namespace {
 
@@ -49,8 +50,6 @@ constexpr std::array<std::uint8_t, 256> makeByteClasses() {
     return t;
 }
 constexpr std::array<std::uint8_t, 256> kByteClass = makeByteClasses();
-
-constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 constexpr char kHeader[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
 constexpr char kFooter[] = "</plist>\n";
@@ -312,28 +311,9 @@ private:
 
     void writeData(std::string_view bytes, unsigned depth) {
         indent(depth);
-        ensure((bytes.size() + 2) / 3 * 4 + 16);
+        ensure(PLBase64EncodedLength(bytes.size()) + 16);
         raw("<data>");
-        const auto* s = reinterpret_cast<const unsigned char*>(bytes.data());
-        std::size_t n = bytes.size();
-        char* d = _p;
-        for (; n >= 3; n -= 3, s += 3) {
-            const std::uint32_t v = (std::uint32_t{s[0]} << 16) | (std::uint32_t{s[1]} << 8) | s[2];
-            d[0] = kBase64[v >> 18];
-            d[1] = kBase64[(v >> 12) & 63];
-            d[2] = kBase64[(v >> 6) & 63];
-            d[3] = kBase64[v & 63];
-            d += 4;
-        }
-        if (n > 0) {
-            const std::uint32_t v = (std::uint32_t{s[0]} << 16) | (n > 1 ? std::uint32_t{s[1]} << 8 : 0);
-            d[0] = kBase64[v >> 18];
-            d[1] = kBase64[(v >> 12) & 63];
-            d[2] = n > 1 ? kBase64[(v >> 6) & 63] : '=';
-            d[3] = '=';
-            d += 4;
-        }
-        _p = d;
+        _p = PLBase64Encode(bytes.data(), bytes.size(), _p);
         raw("</data>\n");
     }
 

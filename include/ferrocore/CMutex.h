@@ -1,6 +1,7 @@
 // Mutexes: CMutex, CRecursiveMutex, the scoped lock CAutoMutex, and
 // CConditionalMutex, a mutex joined to an integer value that threads can wait
-// for.
+// for; CStaticMutex and its scoped lock CAutoStaticMutex for data of static
+// storage duration.
 //
 // The mutexes are shared objects so that several owners can hold one through
 // a CMutexRef (a CRecursiveMutex is a CMutex and is held the same way), but
@@ -9,7 +10,10 @@
 // heap. Destroying a mutex that is locked is undefined.
 //
 // lock() and unlock() are thin inline calls into POSIX threads. All mutexes
-// here are meant to be shared between threads; that is their purpose.
+// here are meant to be shared between threads; that is their purpose. A
+// thread that waits for a condition under CMutex or CStaticMutex uses
+// std::condition_variable_any, which waits with any mutex that has lock()
+// and unlock(); clang's analysis sees the mutex held across the wait.
 #pragma once
 
 #include <atomic>
@@ -66,6 +70,39 @@ public:
 
 private:
     CMutex& _mutex;
+};
+
+// A non-recursive mutex for data of static storage duration. Unlike CMutex it
+// is no shared object: it is constant-initialised and trivially destructible,
+// so it serves before main() and while other static objects are destroyed at
+// exit, and a `constinit` object may hold it. Construction never fails.
+class FERRO_CAPABILITY("mutex") CStaticMutex final {
+public:
+    constexpr CStaticMutex() noexcept = default;
+    CStaticMutex(const CStaticMutex&) = delete;
+    CStaticMutex& operator=(const CStaticMutex&) = delete;
+
+    void lock() FERRO_ACQUIRE() { pthread_mutex_lock(&_mutex); }
+    // Locks when that is possible without waiting; true when it did.
+    bool tryLock() FERRO_TRY_ACQUIRE(true) { return pthread_mutex_trylock(&_mutex) == 0; }
+    // Requires that the calling thread holds the mutex.
+    void unlock() FERRO_RELEASE() { pthread_mutex_unlock(&_mutex); }
+
+private:
+    pthread_mutex_t _mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// Holds a CStaticMutex locked for its lifetime. The mutex must outlive the
+// lock.
+class FERRO_SCOPED_CAPABILITY CAutoStaticMutex {
+public:
+    explicit CAutoStaticMutex(CStaticMutex& mutex) FERRO_ACQUIRE(mutex) : _mutex(mutex) { _mutex.lock(); }
+    ~CAutoStaticMutex() FERRO_RELEASE() { _mutex.unlock(); }
+    CAutoStaticMutex(const CAutoStaticMutex&) = delete;
+    CAutoStaticMutex& operator=(const CAutoStaticMutex&) = delete;
+
+private:
+    CStaticMutex& _mutex;
 };
 
 // A non-recursive mutex joined to an integer value. The value changes only in

@@ -32,6 +32,7 @@
 
 #include "platform/LoopHandle.h"
 #include "platform/linux/PosixError.h"
+#include "platform/linux/SdBusHandles.h"
 #include "platform/linux/SessionBus.h"
 #include <ferrocore/CMutex.h>
 #include <quillcore/platform/Host.h>
@@ -102,7 +103,7 @@ private:
 
     struct Filter {
         std::size_t count = 0;
-        sd_bus_slot* slot = nullptr;  // the bus's match, while connected
+        SdBusSlotHandle slot;  // the bus's match, while connected
     };
 
     // A signal taken off the connection, waiting to be handled outside the
@@ -117,7 +118,7 @@ private:
     };
 
     std::error_code connectLocked() FERRO_REQUIRES(_mutex);
-    sd_bus* openBus(const std::string& address, int& error) FERRO_REQUIRES(_mutex);
+    SdBusHandle openBus(const std::string& address, int& error) FERRO_REQUIRES(_mutex);
     void installFilterLocked(const std::string& rule, Filter& filter) FERRO_REQUIRES(_mutex);
     // Gives up the connection: the bus thread frees it at its next turn.
     void dropConnectionLocked(const std::string& why) FERRO_REQUIRES(_mutex);
@@ -151,7 +152,7 @@ private:
     // caller of that function (which the analysis cannot follow).
     static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error) FERRO_NO_THREAD_SAFETY_ANALYSIS;
     static int onMatch(sd_bus_message* message, void* self, sd_bus_error* error);
-    void takeSignal(sd_bus_message* message) FERRO_NO_THREAD_SAFETY_ANALYSIS;
+    void takeSignal(sd_bus_message* message) FERRO_REQUIRES(_mutex);
     static int onMatchInstalled(sd_bus_message* message, void* self,
                                 sd_bus_error* error) FERRO_NO_THREAD_SAFETY_ANALYSIS;
 
@@ -165,9 +166,10 @@ private:
     std::thread _thread;
 
     ferrocore::CMutex _mutex;
-    sd_bus* _bus FERRO_GUARDED_BY(_mutex) = nullptr;
+    SdBusHandle _bus FERRO_GUARDED_BY(_mutex);
     std::string _address FERRO_GUARDED_BY(_mutex);
-    std::vector<sd_bus*> _retired FERRO_GUARDED_BY(_mutex);
+    // Connections given up, closed by the bus thread at its next turn.
+    std::vector<SdBusHandle> _retired FERRO_GUARDED_BY(_mutex);
     std::map<std::string, Filter> _filters FERRO_GUARDED_BY(_mutex);
     std::vector<Incoming> _incoming FERRO_GUARDED_BY(_mutex);
     std::vector<std::string> _notes FERRO_GUARDED_BY(_mutex);
@@ -202,10 +204,12 @@ CDBusNotificationTransport::~CDBusNotificationTransport() {
     wake();
     if (_thread.joinable()) _thread.join();
     ferrocore::CAutoMutex lock(_mutex);
-    for (auto& entry : _filters) entry.second.slot = sd_bus_slot_unref(entry.second.slot);
-    if (_bus) _retired.push_back(_bus);
-    _bus = nullptr;
-    for (sd_bus* bus : _retired) sd_bus_flush_close_unref(bus);
+    for (auto& entry : _filters) entry.second.slot.reset();
+    if (_bus) _retired.push_back(std::move(_bus));
+    for (SdBusHandle& bus : _retired) {
+        sd_bus_flush(bus.get());
+        bus.reset();
+    }
     _retired.clear();
     if (_wakeFd >= 0) ::close(_wakeFd);
 }
@@ -216,22 +220,21 @@ void CDBusNotificationTransport::wake() noexcept {
     static_cast<void>(written);  // a full counter already means "wake up"
 }
 
-sd_bus* CDBusNotificationTransport::openBus(const std::string& address, int& error) {
-    sd_bus* bus = nullptr;
-    error = sd_bus_new(&bus);
+SdBusHandle CDBusNotificationTransport::openBus(const std::string& address, int& error) {
+    SdBusHandle bus;
+    error = sd_bus_new(SdOut(bus));
     if (error < 0) return nullptr;
-    if ((error = sd_bus_set_address(bus, address.c_str())) < 0 || (error = sd_bus_set_bus_client(bus, 1)) < 0 ||
-        (error = sd_bus_add_filter(bus, nullptr, &onMessage, this)) < 0 || (error = sd_bus_start(bus)) < 0) {
-        sd_bus_unref(bus);
+    if ((error = sd_bus_set_address(bus.get(), address.c_str())) < 0 ||
+        (error = sd_bus_set_bus_client(bus.get(), 1)) < 0 ||
+        (error = sd_bus_add_filter(bus.get(), nullptr, &onMessage, this)) < 0 || (error = sd_bus_start(bus.get())) < 0)
         return nullptr;
-    }
     // Completing the handshake here tells a bus that answers from a socket
     // that merely accepts, and makes sure that what is posted next is on its
     // way before the poster returns (not stuck behind the handshake in a
     // process that is about to end).
     const auto deadline = Clock::now() + kHandshakeTimeout;
-    while ((error = sd_bus_is_ready(bus)) == 0) {
-        error = sd_bus_process(bus, nullptr);
+    while ((error = sd_bus_is_ready(bus.get())) == 0) {
+        error = sd_bus_process(bus.get(), nullptr);
         if (error < 0) break;
         if (error > 0) continue;
         auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
@@ -239,13 +242,10 @@ sd_bus* CDBusNotificationTransport::openBus(const std::string& address, int& err
             error = -ETIMEDOUT;
             break;
         }
-        error = sd_bus_wait(bus, static_cast<std::uint64_t>(left));
+        error = sd_bus_wait(bus.get(), static_cast<std::uint64_t>(left));
         if (error < 0 && error != -EINTR) break;
     }
-    if (error < 0) {
-        sd_bus_close_unref(bus);
-        return nullptr;
-    }
+    if (error < 0) return nullptr;
     return bus;
 }
 
@@ -303,7 +303,7 @@ std::error_code CDBusNotificationTransport::connectLocked() {
 
 void CDBusNotificationTransport::attachReaderLocked(Reader& reader) {
     if (!_bus) return;
-    const int fd = sd_bus_get_fd(_bus);
+    const int fd = sd_bus_get_fd(_bus.get());
     ferrocore::CAutoMutex lock(reader.loop->mutex);
     if (!reader.loop->loop || fd < 0) return;
     std::weak_ptr<Guard> guard = _guard;
@@ -339,10 +339,10 @@ bool CDBusNotificationTransport::readLocked(int limit) {
     if (!_bus) return false;
     int r = 0;
     for (int i = 0; i < limit; ++i) {
-        r = sd_bus_process(_bus, nullptr);
+        r = sd_bus_process(_bus.get(), nullptr);
         if (r <= 0) break;
     }
-    if (r < 0 || sd_bus_is_open(_bus) <= 0) {
+    if (r < 0 || sd_bus_is_open(_bus.get()) <= 0) {
         dropConnectionLocked(r < 0 ? errorText(r) : "the bus closed it");
         return false;
     }
@@ -382,9 +382,8 @@ void CDBusNotificationTransport::startThreadLocked() {
 
 void CDBusNotificationTransport::installFilterLocked(const std::string& rule, Filter& filter) {
     if (filter.slot || !_bus) return;
-    int r = sd_bus_add_match_async(_bus, &filter.slot, rule.c_str(), &onMatch, &onMatchInstalled, this);
+    int r = sd_bus_add_match_async(_bus.get(), SdOut(filter.slot), rule.c_str(), &onMatch, &onMatchInstalled, this);
     if (r < 0) {
-        filter.slot = nullptr;
         noteLocked("can't ask the bus for " + rule + ": " + errorText(r));
     }
 }
@@ -392,9 +391,8 @@ void CDBusNotificationTransport::installFilterLocked(const std::string& rule, Fi
 void CDBusNotificationTransport::dropConnectionLocked(const std::string& why) {
     if (!_bus) return;
     detachReadersLocked();
-    for (auto& entry : _filters) entry.second.slot = sd_bus_slot_unref(entry.second.slot);
-    _retired.push_back(_bus);
-    _bus = nullptr;
+    for (auto& entry : _filters) entry.second.slot.reset();
+    _retired.push_back(std::move(_bus));
     _outageReported = true;
     noteLocked("lost the connection to the notification bus at " + _address + " (" + why +
                "); it is made again at the next post or observation");
@@ -432,7 +430,7 @@ std::error_code CDBusNotificationTransport::sendLocked(const PLString& name, PLS
                                                        const PLData* payload) {
     if (std::error_code ec = connectLocked()) return ec;
     std::uint64_t queued = 0;
-    if (sd_bus_get_n_queued_write(_bus, &queued) >= 0) {
+    if (sd_bus_get_n_queued_write(_bus.get(), &queued) >= 0) {
         if (queued >= kMaxQueuedWrites && !_queueFullReported) queued = waitForRoomLocked();
         if (queued >= kMaxQueuedWrites) {
             if (!_queueFullReported) {
@@ -444,35 +442,33 @@ std::error_code CDBusNotificationTransport::sendLocked(const PLString& name, PLS
         if (queued < kMaxQueuedWrites / 2) _queueFullReported = false;
     }
 
-    sd_bus_message* message = nullptr;
-    int r = sd_bus_message_new_signal(_bus, &message, kNotificationBusPath, kNotificationBusInterface,
+    SdBusMessageHandle message;
+    int r = sd_bus_message_new_signal(_bus.get(), SdOut(message), kNotificationBusPath, kNotificationBusInterface,
                                       kNotificationBusMember);
     if (r >= 0) {
-        r = sd_bus_message_append(message, "ssb", name.c_str(), sender ? sender->c_str() : "", sender ? 1 : 0);
+        r = sd_bus_message_append(message.get(), "ssb", name.c_str(), sender ? sender->c_str() : "", sender ? 1 : 0);
         if (r == -EINVAL) {
-            sd_bus_message_unref(message);
             noteLocked("can't post a notification whose name or sender is not UTF-8 text");
             return std::make_error_code(std::errc::invalid_argument);
         }
     }
     if (r >= 0)
-        r = sd_bus_message_append_array(message, 'y', payload ? payload->bytes() : nullptr,
+        r = sd_bus_message_append_array(message.get(), 'y', payload ? payload->bytes() : nullptr,
                                         payload ? payload->size() : 0);
-    if (r >= 0) r = sd_bus_send(_bus, message, nullptr);
-    sd_bus_message_unref(message);
+    if (r >= 0) r = sd_bus_send(_bus.get(), message.get(), nullptr);
     if (r < 0) {
         dropConnectionLocked(errorText(r));
         return posixError(-r);
     }
-    if (sd_bus_get_n_queued_write(_bus, &queued) >= 0 && queued > 0) wake();
+    if (sd_bus_get_n_queued_write(_bus.get(), &queued) >= 0 && queued > 0) wake();
     return {};
 }
 
 std::uint64_t CDBusNotificationTransport::waitForRoomLocked() {
     const auto deadline = Clock::now() + kQueueFullWait;
     std::uint64_t queued = 0;
-    while (_bus && sd_bus_get_n_queued_write(_bus, &queued) >= 0 && queued >= kMaxQueuedWrites) {
-        int r = sd_bus_process(_bus, nullptr);  // writes what the socket takes
+    while (_bus && sd_bus_get_n_queued_write(_bus.get(), &queued) >= 0 && queued >= kMaxQueuedWrites) {
+        int r = sd_bus_process(_bus.get(), nullptr);  // writes what the socket takes
         if (r < 0) {
             dropConnectionLocked(errorText(r));
             return kMaxQueuedWrites;
@@ -480,7 +476,7 @@ std::uint64_t CDBusNotificationTransport::waitForRoomLocked() {
         if (r > 0) continue;
         auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
         if (left <= 0) break;
-        sd_bus_wait(_bus, static_cast<std::uint64_t>(left));
+        sd_bus_wait(_bus.get(), static_cast<std::uint64_t>(left));
     }
     // Whatever arrived meanwhile is for the bus thread to hand on.
     if (!_incoming.empty()) wake();
@@ -497,12 +493,12 @@ bool CDBusNotificationTransport::flush(double timeoutSeconds) {
         ferrocore::CAutoMutex lock(_mutex);
         for (;;) {
             std::uint64_t queued = 0;
-            if (!_bus || sd_bus_get_n_queued_write(_bus, &queued) < 0) break;
+            if (!_bus || sd_bus_get_n_queued_write(_bus.get(), &queued) < 0) break;
             if (queued == 0) {
                 flushed = true;
                 break;
             }
-            int r = sd_bus_process(_bus, nullptr);  // writes what the socket takes
+            int r = sd_bus_process(_bus.get(), nullptr);  // writes what the socket takes
             if (r < 0) {
                 dropConnectionLocked(errorText(r));
                 break;
@@ -510,7 +506,7 @@ bool CDBusNotificationTransport::flush(double timeoutSeconds) {
             if (r > 0) continue;
             auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
             if (left <= 0) break;
-            sd_bus_wait(_bus, static_cast<std::uint64_t>(left));
+            sd_bus_wait(_bus.get(), static_cast<std::uint64_t>(left));
         }
         notes.swap(_notes);
     }
@@ -559,8 +555,7 @@ void CDBusNotificationTransport::addFilterLocked(const std::string& rule) {
 void CDBusNotificationTransport::removeFilterLocked(const std::string& rule) {
     auto it = _filters.find(rule);
     if (it == _filters.end() || --it->second.count > 0) return;
-    sd_bus_slot_unref(it->second.slot);  // also takes the match off the bus
-    _filters.erase(it);
+    _filters.erase(it);  // releasing the slot takes the match off the bus
 }
 
 // Runs inside sd_bus_process(), that is on the bus thread with _mutex held.
@@ -655,7 +650,6 @@ void CDBusNotificationTransport::run() noexcept {
             break;
         }
         try {
-            for (sd_bus* bus : _retired) sd_bus_close_unref(bus);
             _retired.clear();
             if (!_bus && hasFiltersLocked() && Clock::now() >= _retryAfter) static_cast<void>(connectLocked());
             more = readLocked(kMessagesPerTurn);
@@ -663,11 +657,11 @@ void CDBusNotificationTransport::run() noexcept {
             _incoming.clear();  // what was read is lost; the connection carries on
         }
         if (_bus && !more) {
-            fds[1].fd = sd_bus_get_fd(_bus);
-            int events = sd_bus_get_events(_bus);
+            fds[1].fd = sd_bus_get_fd(_bus.get());
+            int events = sd_bus_get_events(_bus.get());
             fds[1].events = static_cast<short>(events > 0 ? events : 0);
             std::uint64_t until = 0;
-            if (sd_bus_get_timeout(_bus, &until) > 0 && until != UINT64_MAX) {
+            if (sd_bus_get_timeout(_bus.get(), &until) > 0 && until != UINT64_MAX) {
                 timespec now;
                 clock_gettime(CLOCK_MONOTONIC, &now);
                 std::uint64_t nowUs =

@@ -1,5 +1,3 @@
-#include <pthread.h>
-
 #include <ferrocore/CMutex.h>
 #include <quillcore/logging/CQuillGlobalLogger.h>
 
@@ -7,35 +5,36 @@ namespace quill {
 
 namespace {
 
-pthread_once_t gOnce = PTHREAD_ONCE_INIT;
+struct GlobalState {
+    ferrocore::CMutex mutex;
+    CQuillLoggerRef logger FERRO_GUARDED_BY(mutex);
+};
+
 // Made once and never destroyed: loggers may log from other threads and from
 // static destructors until the very end of the process.
-ferrocore::CMutex* gMutex = nullptr;
-CQuillLoggerRef* gLogger = nullptr;
-
-void initOnce() {
-    gMutex = new ferrocore::CMutex();
-    gLogger = new CQuillLoggerRef();
+GlobalState& globalState() {
+    static GlobalState* const instance = new GlobalState();
+    return *instance;
 }
 
 }  // namespace
 
 CQuillLoggerRef CQuillGlobalLogger::getLogger() {
-    pthread_once(&gOnce, initOnce);
-    ferrocore::CAutoMutex lock(*gMutex);
-    if (!*gLogger) {
+    GlobalState& state = globalState();
+    ferrocore::CAutoMutex lock(state.mutex);
+    if (!state.logger) {
         CQuillLoggerRef logger = CQuillLogger::create();
         logger->startupLogging(false, nullptr, 0);
-        *gLogger = std::move(logger);
+        state.logger = std::move(logger);
     }
-    return *gLogger;
+    return state.logger;
 }
 
 void CQuillGlobalLogger::setLogger(CQuillLoggerRef logger) {
-    pthread_once(&gOnce, initOnce);
+    GlobalState& state = globalState();
     {
-        ferrocore::CAutoMutex lock(*gMutex);
-        std::swap(*gLogger, logger);
+        ferrocore::CAutoMutex lock(state.mutex);
+        std::swap(state.logger, logger);
     }
     // `logger` now holds the previous one, released here, outside the lock.
 }

@@ -5,10 +5,11 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
+
+#include <ferrocore/CMutex.h>
 
 namespace quill {
 
@@ -28,7 +29,7 @@ public:
 
     int start(Job job) noexcept {
         {
-            std::lock_guard<std::mutex> lock(_mutex);
+            ferrocore::CAutoMutex lock(_mutex);
             if (_idle > _jobs.size()) {
                 try {
                     _jobs.push_back(job);
@@ -53,10 +54,11 @@ private:
     void threadMain(Job job) {
         for (;;) {
             job.body(*job.task);
-            std::unique_lock<std::mutex> lock(_mutex);
+            ferrocore::CAutoMutex lock(_mutex);
             if (_idle >= kMaxIdleThreads) return;
             ++_idle;
-            const bool woken = _wake.wait_for(lock, kIdleTime, [this] { return !_jobs.empty(); });
+            const bool woken =
+                _wake.wait_for(_mutex, kIdleTime, [this]() FERRO_REQUIRES(_mutex) { return !_jobs.empty(); });
             --_idle;
             if (!woken) return;
             job = _jobs.front();
@@ -64,10 +66,12 @@ private:
         }
     }
 
-    std::mutex _mutex;
-    std::condition_variable _wake;
-    std::deque<Job> _jobs;    // guarded by _mutex
-    std::uint32_t _idle = 0;  // guarded by _mutex: threads waiting in threadMain
+    ferrocore::CMutex _mutex;
+    // Waits with _mutex, which it releases while waiting.
+    std::condition_variable_any _wake;
+    std::deque<Job> _jobs FERRO_GUARDED_BY(_mutex);
+    // Threads waiting in threadMain.
+    std::uint32_t _idle FERRO_GUARDED_BY(_mutex) = 0;
 };
 
 CMonitorThreadPool& pool() {

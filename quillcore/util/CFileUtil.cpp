@@ -1,8 +1,8 @@
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <string_view>
 
+#include <ferrocore/CMutex.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/util/CFileUtil.h>
 
@@ -20,15 +20,15 @@ public:
     CQuillFileUtilities() = delete;
 
     static std::string homeDirectory() {
-        std::lock_guard lock(_mutex);
+        ferrocore::CAutoStaticMutex lock(_mutex);
         return platform::host().homeDirectory();
     }
 
 private:
-    static constinit std::mutex _mutex;
+    static constinit ferrocore::CStaticMutex _mutex;
 };
 
-constinit std::mutex CQuillFileUtilities::_mutex;
+constinit ferrocore::CStaticMutex CQuillFileUtilities::_mutex;
 
 const PLString* newString(std::string_view text) { return PLString::create(text).detach(); }
 

@@ -29,7 +29,7 @@ TEST(IntervalTimerTest, RepeatsThroughExceptionsUntilStopped) {
         throw std::runtime_error("callback failure (expected by the test)");
     });
     EXPECT_TRUE(timer.isRunning());
-    ASSERT_TRUE(calls.lockWithTimeoutWhenValueSet(3, kPatience));
+    if (!calls.lockWithTimeoutWhenValueSet(3, kPatience)) FAIL() << "fewer than three calls";
     calls.unlock();
     timer.stop();
     EXPECT_FALSE(timer.isRunning());
@@ -71,7 +71,7 @@ TEST(IntervalTimerTest, DestroyFromInsideTheCallback) {
     });
     state.lockWithBlocking();
     state.unlockAndSetValue(1);
-    ASSERT_TRUE(state.lockWithTimeoutWhenValueSet(2, kPatience));
+    if (!state.lockWithTimeoutWhenValueSet(2, kPatience)) FAIL() << "the callback did not destroy the timer";
     state.unlock();
     EXPECT_FALSE(timer);
 }

@@ -16,6 +16,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include "platform/linux/SdBusHandles.h"
 #include "support/NotificationBus.h"
 #include "support/TestSupport.h"
 #include <quillcore/platform/NotificationCenter.h>
@@ -320,20 +321,22 @@ TEST_F(DBusNotificationTest, MalformedSignalsAreDroppedWithOneConsoleLineEach) {
     got.all.clear();
 
     // A signal of the wrong signature, and one whose user information is no property list.
-    sd_bus* raw = nullptr;
-    sd_bus_message* m = nullptr;
-    const auto ok = [](int r) { return r >= 0; };
-    ASSERT_TRUE(ok(sd_bus_new(&raw)) && ok(sd_bus_set_address(raw, quilltest::privateBusAddress().c_str())) &&
-                ok(sd_bus_set_bus_client(raw, 1)) && ok(sd_bus_start(raw)));
-    ASSERT_TRUE(ok(sd_bus_emit_signal(raw, kNotificationBusPath, kNotificationBusInterface, kNotificationBusMember,
-                                      "si", "wrong", 5)) &&
-                ok(sd_bus_message_new_signal(raw, &m, kNotificationBusPath, kNotificationBusInterface,
-                                             kNotificationBusMember)) &&
-                ok(sd_bus_message_append(m, "ssb", "garbage", "", 0)) &&
-                ok(sd_bus_message_append_array(m, 'y', "bplist00 not really", 19)) && ok(sd_bus_send(raw, m, nullptr)));
-    sd_bus_message_unref(m);
-    ASSERT_TRUE(ok(sd_bus_flush(raw)));
-    sd_bus_flush_close_unref(raw);
+    {
+        const auto ok = [](int r) { return r >= 0; };
+        SdBusHandle bus;
+        ASSERT_TRUE(ok(sd_bus_new(SdOut(bus))));
+        ASSERT_TRUE(ok(sd_bus_set_address(bus.get(), quilltest::privateBusAddress().c_str())) &&
+                    ok(sd_bus_set_bus_client(bus.get(), 1)) && ok(sd_bus_start(bus.get())));
+        ASSERT_TRUE(ok(sd_bus_emit_signal(bus.get(), kNotificationBusPath, kNotificationBusInterface,
+                                          kNotificationBusMember, "si", "wrong", 5)));
+        SdBusMessageHandle m;
+        ASSERT_TRUE(ok(sd_bus_message_new_signal(bus.get(), SdOut(m), kNotificationBusPath, kNotificationBusInterface,
+                                                 kNotificationBusMember)));
+        ASSERT_TRUE(ok(sd_bus_message_append(m.get(), "ssb", "garbage", "", 0)) &&
+                    ok(sd_bus_message_append_array(m.get(), 'y', "bplist00 not really", 19)) &&
+                    ok(sd_bus_send(bus.get(), m.get(), nullptr)));
+        ASSERT_TRUE(ok(sd_bus_flush(bus.get())));
+    }  // closes the connection
 
     syncWithBus(center);
     for (const CNotification& n : got.all) EXPECT_NE(n.name->str(), "garbage");

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <bit>
 #include <cfloat>
 #include <charconv>
@@ -14,6 +15,7 @@
 #include "platform/PLPropertyListReaders.h"
 #include "support/TestSupport.h"
 #include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/platform/PLPropertyListText.h>
 
 namespace {
 
@@ -448,6 +450,42 @@ TEST(PLPropertyListReader, DecodesBase64AsASimpleDecoderDoes) {
             EXPECT_EQ(static_cast<const PLData*>(plist.get())->view(), expected) << text;
         }
     }
+}
+
+// The shared base64 functions, which quillctl calls with buffers of exactly
+// the sizes they promise (so that a write beyond them shows under
+// AddressSanitizer): the RFC 4648 examples, and random bytes of every length
+// of a few groups back from their text, into a separate buffer and in place.
+TEST(PLPropertyListText, Base64ReadsBackWhatItWritesWithinTheSizesItStates) {
+    const std::pair<std::string_view, std::string_view> examples[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"foobar", "Zm9vYmFy"}};
+    for (const auto& [bytes, text] : examples) {
+        ASSERT_EQ(PLBase64EncodedLength(bytes.size()), text.size());
+        std::vector<char> out(text.size());
+        EXPECT_EQ(PLBase64Encode(bytes.data(), bytes.size(), out.data()), out.data() + out.size());
+        EXPECT_EQ(std::string_view(out.data(), out.size()), text);
+    }
+    std::mt19937 rng(5);
+    for (std::size_t size = 0; size < 40; ++size) {
+        std::vector<std::uint8_t> bytes(size);
+        for (auto& b : bytes) b = static_cast<std::uint8_t>(rng());
+        std::vector<char> text(PLBase64EncodedLength(size));
+        PLBase64Encode(bytes.data(), size, text.data());
+        std::size_t symbols = text.size();
+        while (symbols > 0 && text[symbols - 1] == '=') --symbols;
+        std::vector<std::uint8_t> decoded(symbols * 3 / 4);
+        ASSERT_EQ(decoded.size(), size);
+        EXPECT_EQ(PLBase64Decode(text.data(), symbols, decoded.data()), PLBase64Status::OK);
+        EXPECT_EQ(decoded, bytes) << size;
+        auto* inPlace = reinterpret_cast<std::uint8_t*>(text.data());
+        EXPECT_EQ(PLBase64Decode(text.data(), symbols, inPlace), PLBase64Status::OK);
+        EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), inPlace)) << size;
+    }
+    std::uint8_t sink[3];
+    EXPECT_EQ(PLBase64Decode("Zm9vY", 5, sink), PLBase64Status::Truncated);
+    EXPECT_EQ(PLBase64Decode("Zm9=", 4, sink), PLBase64Status::InvalidSymbol);
+    EXPECT_EQ(PLBase64Decode("Z", 1, sink), PLBase64Status::Truncated);
+    EXPECT_EQ(PLBase64Decode("*", 1, sink), PLBase64Status::InvalidSymbol);  // reported before truncation
 }
 
 // Plain decimals are converted without from_chars; they must come out the

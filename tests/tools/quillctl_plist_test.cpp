@@ -131,8 +131,14 @@ TEST_F(QuillctlPlist, BadValuesAreRefusedBeforeTheFileIsTouched) {
         {"date", "2026-02-29 10:00:00"},
         {"date", "2026-11-22T10:00:00"},
         {"date", "2026-11-22 24:00:00"},
+        // What the property-list reader takes but quillctl does not: year 0,
+        // fractions of a second, padding short of a whole group, white space.
+        {"date", "0000-01-01 00:00:00"},
+        {"date", "2026-11-22T10:00:00.5Z"},
         {"data", "AA*="},
         {"data", "A"},
+        {"data", "QQ="},
+        {"data", "QQ =="},
     };
     for (const auto& [type, value] : bad) {
         auto r = set("k", type, value);

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,6 +24,7 @@
 #include <unistd.h>
 
 #include "Commands.h"
+#include <ferrocore/CMutex.h>
 #include <quillcore/platform/ProcessSpawner.h>
 #include <quillcore/process/CTask.h>
 #include <quillcore/process/CTask2.h>
@@ -44,20 +44,20 @@ public:
     std::error_code waitForProcess(std::int32_t processID, platform::CProcessEnd& end) override {
         const std::error_code error = CProcessSpawnerWrapper::waitForProcess(processID, end);
         if (!error) {
-            std::lock_guard<std::mutex> lock(_mutex);
+            ferrocore::CAutoMutex lock(_mutex);
             _end = end;
         }
         return error;
     }
 
     std::optional<platform::CProcessEnd> end() {
-        std::lock_guard<std::mutex> lock(_mutex);
+        ferrocore::CAutoMutex lock(_mutex);
         return _end;
     }
 
 private:
-    std::mutex _mutex;
-    std::optional<platform::CProcessEnd> _end;
+    ferrocore::CMutex _mutex;
+    std::optional<platform::CProcessEnd> _end FERRO_GUARDED_BY(_mutex);
 };
 
 std::atomic<pid_t> gChild{0};

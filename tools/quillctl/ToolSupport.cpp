@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/platform/PLPropertyListText.h>
 
 namespace quillctl {
 
@@ -58,30 +59,6 @@ bool parseIndex(const std::string& text, std::size_t& index) {
     if (text.empty()) return false;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), index);
     return ec == std::errc() && end == text.data() + text.size();
-}
-
-const char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-std::string base64(const std::uint8_t* p, std::size_t n) {
-    std::string out;
-    out.reserve((n + 2) / 3 * 4);
-    std::size_t i = 0;
-    for (; i + 2 < n; i += 3) {
-        std::uint32_t v = (p[i] << 16) | (p[i + 1] << 8) | p[i + 2];
-        out += kBase64[v >> 18];
-        out += kBase64[(v >> 12) & 63];
-        out += kBase64[(v >> 6) & 63];
-        out += kBase64[v & 63];
-    }
-    if (i < n) {
-        std::uint32_t v = p[i] << 16;
-        if (i + 1 < n) v |= p[i + 1] << 8;
-        out += kBase64[v >> 18];
-        out += kBase64[(v >> 12) & 63];
-        out += i + 1 < n ? kBase64[(v >> 6) & 63] : '=';
-        out += '=';
-    }
-    return out;
 }
 
 // The value of the longest run of components parts[i...] that, joined with
@@ -246,70 +223,36 @@ bool parseBool(std::string text, bool& out) {
     return false;
 }
 
-// Days from 1970-01-01 to a date of the proleptic Gregorian calendar.
-std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
-    y -= m <= 2;
-    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const auto yoe = static_cast<unsigned>(y - era * 400);
-    const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
-}
-
 // "YYYY-MM-DDTHH:MM:SSZ" or "YYYY-MM-DD HH:MM:SS" (UTC) as an absolute time.
+// Year 0, which the property-list reader accepts, is refused: no property
+// list could be written with it.
 bool parseDate(const std::string& text, double& out, std::string& why) {
     const bool iso = text.size() == 20 && text[10] == 'T' && text[19] == 'Z';
     const bool plain = text.size() == 19 && text[10] == ' ';
-    int field[6] = {};
-    const std::size_t start[6] = {0, 5, 8, 11, 14, 17};
-    const std::size_t width[6] = {4, 2, 2, 2, 2, 2};
-    bool digits = iso || plain;
-    for (int f = 0; digits && f < 6; ++f) {
-        for (std::size_t k = 0; k < width[f]; ++k) {
-            const char c = text[start[f] + k];
-            if (c < '0' || c > '9') digits = false;
-            field[f] = field[f] * 10 + (c - '0');
-        }
+    PLDateTextStatus status = PLDateTextStatus::Malformed;
+    if (iso || plain) {
+        std::string asISO = text;
+        if (plain) asISO.replace(10, 1, "T").push_back('Z');
+        status = PLDateFromISO8601(asISO, &out);
+        if (status == PLDateTextStatus::OK && text.compare(0, 4, "0000") == 0) status = PLDateTextStatus::OutOfRange;
     }
-    if (!digits || text[4] != '-' || text[7] != '-' || text[13] != ':' || text[16] != ':') {
-        why = "not YYYY-MM-DDTHH:MM:SSZ or YYYY-MM-DD HH:MM:SS";
-        return false;
+    switch (status) {
+        case PLDateTextStatus::OK: return true;
+        case PLDateTextStatus::Malformed: why = "not YYYY-MM-DDTHH:MM:SSZ or YYYY-MM-DD HH:MM:SS"; break;
+        case PLDateTextStatus::OutOfRange: why = "no such date or time"; break;
     }
-    static constexpr int kDaysInMonth[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    const int year = field[0];
-    const int month = field[1];
-    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-    const bool monthOK = month >= 1 && month <= 12;
-    const int days = monthOK ? kDaysInMonth[month - 1] + (month == 2 && leap ? 1 : 0) : 0;
-    if (year < 1 || !monthOK || field[2] < 1 || field[2] > days || field[3] > 23 || field[4] > 59 || field[5] > 59) {
-        why = "no such date or time";
-        return false;
-    }
-    const std::int64_t day = daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(field[2]));
-    out = static_cast<double>(day * 86400 + field[3] * 3600 + field[4] * 60 + field[5]) -
-          kPLAbsoluteTimeIntervalSince1970;
-    return true;
+    return false;
 }
 
+// Base64 with optional padding (which then completes the last group of four)
+// and no white space.
 bool decodeBase64(const std::string& text, std::vector<std::uint8_t>& out) {
     std::size_t end = text.size();
     std::size_t padding = 0;
     while (end > 0 && text[end - 1] == '=' && padding < 2) --end, ++padding;
-    if (end % 4 == 1 || (padding > 0 && text.size() % 4 != 0)) return false;
-    std::uint32_t bits = 0;
-    int count = 0;
-    for (std::size_t i = 0; i < end; ++i) {
-        const char* at = std::strchr(kBase64, text[i]);
-        if (!at || text[i] == '\0') return false;
-        bits = (bits << 6) | static_cast<std::uint32_t>(at - kBase64);
-        count += 6;
-        if (count >= 8) {
-            count -= 8;
-            out.push_back(static_cast<std::uint8_t>(bits >> count));
-            bits &= (1u << count) - 1;
-        }
-    }
-    return true;
+    if (padding > 0 && text.size() % 4 != 0) return false;
+    out.resize(end * 3 / 4);
+    return PLBase64Decode(text.data(), end, out.data()) == PLBase64Status::OK;
 }
 
 }  // namespace
@@ -404,7 +347,9 @@ bool formatValue(const PLObject* value, std::string& out, std::string* error) {
         case PLTypeID::Date: out += isoDate(static_cast<const PLDate*>(value)->absoluteTime()); break;
         case PLTypeID::Data: {
             auto* d = static_cast<const PLData*>(value);
-            out += base64(d->bytes(), d->size());
+            const std::size_t start = out.size();
+            out.resize(start + PLBase64EncodedLength(d->size()));
+            PLBase64Encode(d->bytes(), d->size(), out.data() + start);
             break;
         }
         case PLTypeID::URL: out += static_cast<const PLURL*>(value)->text(); break;

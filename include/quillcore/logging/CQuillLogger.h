@@ -273,18 +273,18 @@ protected:
     // appendText: `text` has no trailing line feed; `endsRecord` says one was
     // there. formatter: the standard stream that numbers are formatted into,
     // after addLogHeaderIfNeeded().
-    virtual void appendText(std::string_view text, bool endsRecord) = 0;
-    virtual std::ostream& formatter() = 0;
+    virtual void appendText(std::string_view text, bool endsRecord) FERRO_REQUIRES(_mutex) = 0;
+    virtual std::ostream& formatter() FERRO_REQUIRES(_mutex) = 0;
 
     ferrocore::CMutex& mutex() const noexcept FERRO_RETURN_CAPABILITY(_mutex) { return _mutex; }
     // The target, for callers that hold the mutex.
-    std::ostream& lockedTarget() const noexcept FERRO_NO_THREAD_SAFETY_ANALYSIS { return *_target; }
+    std::ostream& lockedTarget() const noexcept FERRO_REQUIRES(_mutex) { return *_target; }
 
 private:
     template <class T>
     OStream& appendValue(const T& value);
     // The text operator's work, with the mutex held.
-    void writeTextLocked(std::string_view text);
+    void writeTextLocked(std::string_view text) FERRO_REQUIRES(_mutex);
     void writeMark(const ferrocore::CXMLService& element);
 
     mutable ferrocore::CRecursiveMutex _mutex;
@@ -306,22 +306,22 @@ public:
 
 protected:
     ~OBufferStream() override;
-    void appendText(std::string_view text, bool endsRecord) override;
-    std::ostream& formatter() override;
+    void appendText(std::string_view text, bool endsRecord) override FERRO_REQUIRES(mutex());
+    std::ostream& formatter() override FERRO_REQUIRES(mutex());
 
 private:
     class RecordBuffer;
     // addLogHeaderIfNeeded() and the end of a record, with the mutex held.
-    void startRecord();
-    void writeRecord();
+    void startRecord() FERRO_REQUIRES(mutex());
+    void writeRecord() FERRO_REQUIRES(mutex());
 
     // The open record: its head (time, process, level) and then its text.
-    std::string _record;
-    std::size_t _headLength = 0;
-    unsigned _recordLevel = kDefaultLogLevel;  // the level in the head
-    std::string _escaped;                      // scratch for records that need escaping
-    std::unique_ptr<RecordBuffer> _recordBuffer;
-    std::unique_ptr<std::ostream> _formatter;
+    std::string _record FERRO_GUARDED_BY(mutex());
+    std::size_t _headLength FERRO_GUARDED_BY(mutex()) = 0;
+    unsigned _recordLevel FERRO_GUARDED_BY(mutex()) = kDefaultLogLevel;  // the level in the head
+    std::string _escaped FERRO_GUARDED_BY(mutex());                      // scratch for records that need escaping
+    std::unique_ptr<RecordBuffer> _recordBuffer FERRO_PT_GUARDED_BY(mutex());
+    std::unique_ptr<std::ostream> _formatter FERRO_PT_GUARDED_BY(mutex());
 };
 
 // The stream of disabled levels: kind 0, writes and formats nothing. Its
@@ -335,8 +335,8 @@ public:
 
 protected:
     ~ONullStream() override;
-    void appendText(std::string_view text, bool endsRecord) override;
-    std::ostream& formatter() override;
+    void appendText(std::string_view text, bool endsRecord) override FERRO_REQUIRES(mutex());
+    std::ostream& formatter() override FERRO_REQUIRES(mutex());
 
 private:
     std::ofstream _devNull;

@@ -14,6 +14,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include "support/FailingSpawner.h"
 #include "support/NotificationBus.h"
 #include "support/TaskReaper.h"
 #include "support/TestSupport.h"
@@ -265,39 +266,7 @@ TEST(CTaskDeathTest, DestroyingARunningTaskEndsTheProcess) {
 
 // ------------------------------------------------------- through the seam
 
-// Fails the calls a test arms (an error number, 0: none) and counts spawns;
-// everything else goes to the real spawner.
-struct FailingSpawner : platform::CProcessSpawnerWrapper {
-    int spawnError = 0, pipeError = 0, terminalError = 0, setFlagsError = 0;
-    bool failWait = false, noUser = false;
-    int spawns = 0;
-
-    static std::error_code error(int err) { return {err, std::system_category()}; }
-    platform::CSpawnResult spawn(const char* path, const char* const* argv, const char* const* envp,
-                                 platform::CChildSetup setup, platform::ChildMemory memory) override {
-        ++spawns;
-        if (spawnError) return {-1, spawnError};
-        return CProcessSpawnerWrapper::spawn(path, argv, envp, setup, memory);
-    }
-    std::error_code waitForProcess(std::int32_t pid, platform::CProcessEnd& end) override {
-        const std::error_code result = CProcessSpawnerWrapper::waitForProcess(pid, end);
-        return failWait ? std::make_error_code(std::errc::no_child_process) : result;
-    }
-    bool userEntry(std::int32_t uid, platform::CUserEntry& entry) override {
-        return !noUser && CProcessSpawnerWrapper::userEntry(uid, entry);
-    }
-    std::error_code openPipe(quill::platform::CFileDescriptor& readEnd,
-                             quill::platform::CFileDescriptor& writeEnd) override {
-        return pipeError ? error(pipeError) : CProcessSpawnerWrapper::openPipe(readEnd, writeEnd);
-    }
-    std::error_code openPseudoTerminal(quill::platform::CFileDescriptor& master,
-                                       quill::platform::CFileDescriptor& slave) override {
-        return terminalError ? error(terminalError) : CProcessSpawnerWrapper::openPseudoTerminal(master, slave);
-    }
-    std::error_code setTerminalInputFlags(int fd, std::uint32_t flags) override {
-        return setFlagsError ? error(setFlagsError) : CProcessSpawnerWrapper::setTerminalInputFlags(fd, flags);
-    }
-};
+using quilltest::FailingSpawner;
 
 TEST(CTask, SystemFailuresReachTheCaller) {
     FailingSpawner spawner;

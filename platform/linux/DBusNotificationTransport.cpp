@@ -35,6 +35,7 @@
 #include "platform/linux/SdBusHandles.h"
 #include "platform/linux/SessionBus.h"
 #include <ferrocore/CMutex.h>
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/platform/NotificationCenter.h>
 
@@ -157,7 +158,7 @@ private:
                                 sd_bus_error* error) FERRO_NO_THREAD_SAFETY_ANALYSIS;
 
     const pid_t _pid;
-    const int _wakeFd;
+    const CFileDescriptor _wakeFd;
     const std::shared_ptr<Guard> _guard = std::make_shared<Guard>();
     // When a reader's loop last read the connection.
     std::atomic<Clock::rep> _lastLoopRead{0};
@@ -211,12 +212,11 @@ CDBusNotificationTransport::~CDBusNotificationTransport() {
         bus.reset();
     }
     _retired.clear();
-    if (_wakeFd >= 0) ::close(_wakeFd);
 }
 
 void CDBusNotificationTransport::wake() noexcept {
     std::uint64_t one = 1;
-    ssize_t written = ::write(_wakeFd, &one, sizeof one);
+    ssize_t written = ::write(_wakeFd.get(), &one, sizeof one);
     static_cast<void>(written);  // a full counter already means "wake up"
 }
 
@@ -641,7 +641,7 @@ void CDBusNotificationTransport::handle(std::vector<Incoming>& batch) {
 void CDBusNotificationTransport::run() noexcept {
     bool headStart = false;  // readers' loops get the first go at arriving messages
     for (;;) {
-        pollfd fds[2] = {{_wakeFd, POLLIN, 0}, {-1, 0, 0}};
+        pollfd fds[2] = {{_wakeFd.get(), POLLIN, 0}, {-1, 0, 0}};
         int timeoutMs = -1;
         bool more = false;
         _mutex.lock();
@@ -688,10 +688,10 @@ void CDBusNotificationTransport::run() noexcept {
         int rc = ::poll(fds, fds[1].fd >= 0 ? 2 : 1, timeoutMs);
         if (rc > 0 && (fds[0].revents & POLLIN)) {
             std::uint64_t count;
-            ssize_t got = ::read(_wakeFd, &count, sizeof count);
+            ssize_t got = ::read(_wakeFd.get(), &count, sizeof count);
             static_cast<void>(got);
         } else if (rc > 0 && headStart && (fds[1].revents & POLLIN)) {
-            pollfd wakeOnly{_wakeFd, POLLIN, 0};
+            pollfd wakeOnly{_wakeFd.get(), POLLIN, 0};
             ::poll(&wakeOnly, 1, kReaderHeadStartMs);
         }
     }

@@ -38,6 +38,7 @@ CProcessorFacts CHostWrapper::processorFacts() { return _target->processorFacts(
 std::vector<std::string> CHostWrapper::loadedImagePaths() { return _target->loadedImagePaths(); }
 std::string CHostWrapper::processName() { return _target->processName(); }
 std::int32_t CHostWrapper::processID() { return _target->processID(); }
+const char* const* CHostWrapper::processEnvironment() { return _target->processEnvironment(); }
 std::string CHostWrapper::homeDirectory() { return _target->homeDirectory(); }
 std::string CHostWrapper::temporaryDirectory() { return _target->temporaryDirectory(); }
 std::string CHostWrapper::systemPath(SystemPath which) { return _target->systemPath(which); }
@@ -63,6 +64,10 @@ std::error_code CHostWrapper::fileSystemStatus(const std::string& path) { return
 std::error_code CHostWrapper::fileMode(const std::string& path, std::uint32_t& mode) {
     return _target->fileMode(path, mode);
 }
+std::error_code CHostWrapper::fileStatus(const std::string& path, CFileStatus& status) {
+    return _target->fileStatus(path, status);
+}
+std::error_code CHostWrapper::duplicateDescriptor(int from, int to) { return _target->duplicateDescriptor(from, to); }
 std::error_code CHostWrapper::setFileMode(const std::string& path, std::uint32_t mode) {
     return _target->setFileMode(path, mode);
 }

@@ -28,11 +28,16 @@ import os
 import re
 import sys
 
+TOP_OF_CONTROL = "control/QuillConfig"
+
 # What each subsystem of libquillcore may use besides itself
 # (docs/architecture.md, "Inside libquillcore"). Directories that do not
 # exist yet are listed so that their first file is checked too.
 SUBSYSTEM_USES = {
-    "servicemanager": {"plist", "process", "control", "util", "logging"},
+    # control/QuillConfig*: the exported service-control functions, the top
+    # of the library, beside the constants of control/ at its bottom.
+    TOP_OF_CONTROL: {"servicemanager", "logging", "process", "plist", "util", "control"},
+    "servicemanager": {"plist", "process", "control", "util"},
     "storage": {"control", "process", "util", "logging"},
     "logging": {"plist", "control", "util"},
     "process": {"control", "util"},
@@ -105,6 +110,8 @@ def unit_of(path):
         return None
     if len(parts) == 2:
         return "quillcore/%s lies outside every subsystem" % parts[1]
+    if parts[1] == "control" and parts[-1].startswith("QuillConfig"):
+        return Unit("quillcore", TOP_OF_CONTROL, public=public)
     if parts[1] not in SUBSYSTEM_USES:
         return "unknown subsystem quillcore/%s/: add it to docs/architecture.md and %s" % (
             parts[1], "scripts/check-layers.py")
@@ -249,6 +256,8 @@ def check_document(root, problems):
     documented = {}
     for cells in table("Inside libquillcore"):
         names = re.findall(r"`([a-z]+)/`", cells[0])
+        if "`%s*`" % TOP_OF_CONTROL in cells[0]:
+            names = [TOP_OF_CONTROL]
         if names:
             documented[names[0]] = set(re.findall(r"`([a-z]+)/`", cells[1]))
     if documented != SUBSYSTEM_USES:

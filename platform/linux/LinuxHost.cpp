@@ -225,6 +225,11 @@ public:
     // cached value is dropped in a forked child (see cachedProcessID).
     std::int32_t processID() override { return cachedProcessID(); }
 
+    const char* const* processEnvironment() override {
+        static const char* const kEmpty[] = {nullptr};
+        return environ ? environ : kEmpty;
+    }
+
     std::string homeDirectory() override {
         std::string home = environment("HOME");
         if (!home.empty()) return home;
@@ -395,6 +400,24 @@ public:
         struct stat status {};
         if (::stat(path.c_str(), &status) != 0) return posixError(errno);
         mode = status.st_mode;
+        return {};
+    }
+
+    std::error_code fileStatus(const std::string& path, CFileStatus& status) override {
+        struct stat st {};
+        if (::stat(path.c_str(), &st) != 0) return posixError(errno);
+        status.mode = st.st_mode;
+        status.ownerUserID = st.st_uid;
+        status.size = static_cast<std::uint64_t>(st.st_size);
+        return {};
+    }
+
+    std::error_code duplicateDescriptor(int from, int to) override {
+        int rc;
+        do {
+            rc = ::dup2(from, to);
+        } while (rc < 0 && errno == EINTR);
+        if (rc < 0) return posixError(errno);
         return {};
     }
 

@@ -6,9 +6,7 @@ namespace {
 
 bool isOctal(char c) noexcept { return c >= '0' && c <= '7'; }
 
-bool needsEscape(unsigned char c) noexcept {
-    return c <= 0x20 || c == 0x7f || c == '"' || c == '\\' || c == '#';
-}
+bool needsEscape(unsigned char c) noexcept { return c <= 0x20 || c == 0x7f || c == '"' || c == '\\' || c == '#'; }
 
 // The byte of the escape at `at` (a backslash), or -1 when none starts there.
 int escapedByte(std::string_view text, std::size_t at) noexcept {
@@ -21,7 +19,7 @@ int escapedByte(std::string_view text, std::size_t at) noexcept {
 }  // namespace
 
 bool isFaithfullyExportable(std::string_view path) noexcept {
-    if (path.empty()) return false;
+    if (path.empty() || path.size() > kMaxExportPathLength) return false;
     for (std::size_t i = 0; i < path.size(); ++i) {
         if (path[i] == '\0') return false;
         if (path[i] == '\\' && i + 3 < path.size() && isOctal(path[i + 1]) && isOctal(path[i + 2]) &&

@@ -4,7 +4,9 @@
 # /var/lib/nfs and a tmpfs copy of /etc. Starts the kernel NFS server, puts an export in force through
 # the exports file and quill-exports-watch, mounts it over 127.0.0.1 through
 # the mount adapter (with the subscriber's own argument vectors), writes
-# through the mount and unmounts. Ends with one line on standard output:
+# through the mount and unmounts; starts the system bus with the installed
+# policy and has two users' processes meet on it. Ends with one line on
+# standard output:
 # "QUILL-NFS-E2E: PASS" or "QUILL-NFS-E2E: FAIL <why>".
 #
 # Environment: QUILL_BUILD_DIR (the built tools), QUILL_SOURCE_DIR.
@@ -14,6 +16,8 @@
 #   QUILL_E2E_EXPORTS   the exports file in force (/etc/exports, on tmpfs)
 #   QUILL_E2E_EXPORT    an exported tmpfs directory (fsid=1, 127.0.0.1 rw)
 #   QUILL_MOUNT, QUILL_UMOUNT   the mount adapter under both names
+#   DBUS_SYSTEM_BUS_ADDRESS     the guest's system bus (the host-wide bus),
+#                       running with the policy file installed
 #   PATH                including the build's tools directory
 # A hook that fails (or takes longer than QUILL_E2E_HOOK_TIMEOUT seconds,
 # default 120) fails the test.
@@ -62,13 +66,21 @@ mount --bind /run/etc /etc || fail "can't bind the copy of /etc"
 : >/var/lib/nfs/etab
 : >/var/lib/nfs/rmtab
 
+# The host-wide notification bus: the system bus with our policy installed
+# where a host keeps it.
+mkdir -p /etc/dbus-1/system.d /run/dbus
+cp "$QUILL_SOURCE_DIR/dbus/com.tessaly.quillcore.Notifications.conf" /etc/dbus-1/system.d/
+bounded 10 dbus-daemon --system --fork || fail "the system bus did not start"
+bounded 10 dbus-send --system --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.GetId >/dev/null ||
+    fail "the system bus does not answer"
+
 "$tools/quill-exports-watch" --exports /etc/exports >/run/quill-exports-watch.log 2>&1 &
 watcher=$!
 bounded 20 rpc.nfsd -N 4 2 || fail "rpc.nfsd"
 bounded 10 rpc.mountd -N 4 || fail "rpc.mountd"
 
 cleanup() {
-    kill "$watcher" 2>/dev/null
+    kill "$watcher" "$(cat /run/dbus/pid 2>/dev/null)" 2>/dev/null
     rpc.nfsd 0 2>/dev/null
 }
 trap cleanup EXIT
@@ -114,10 +126,24 @@ done
 # The adapter refuses to take down what is not NFS.
 if bounded 10 /run/quill-nfs-umount -f /tmp 2>/dev/null; then fail "the adapter unmounted /tmp"; fi
 
+# ------------------------------------------------------------ host-wide bus
+# Two processes of different users meet on the system bus through the
+# library's host-wide centre (the notification test peer, when built).
+peer="$QUILL_BUILD_DIR/tests/quill_notify_peer"
+if [[ -x $peer ]]; then
+    name="QuillE2EMeet$$"
+    bounded 20 setpriv --reuid=nobody --regid=nogroup --clear-groups "$peer" --host meet "$name" >/run/meet-nobody.log 2>&1 &
+    other=$!
+    bounded 20 "$peer" --host meet "$name" >/run/meet-root.log 2>&1 || fail "root heard nobody on the system bus: $(cat /run/meet-root.log)"
+    wait "$other" || fail "nobody heard root on the system bus: $(cat /run/meet-nobody.log)"
+    say "root and nobody met on the system bus"
+fi
+
 # ------------------------------------------------------------ hook
 if [[ $# -gt 0 ]]; then
     say "hook: $*"
-    QUILL_E2E_EXPORTS=/etc/exports QUILL_E2E_EXPORT=$export_dir QUILL_MOUNT=$adapter \
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
+        QUILL_E2E_EXPORTS=/etc/exports QUILL_E2E_EXPORT=$export_dir QUILL_MOUNT=$adapter \
         QUILL_UMOUNT=/run/quill-nfs-umount PATH="$tools:$PATH" \
         bounded "${QUILL_E2E_HOOK_TIMEOUT:-120}" "$@" || fail "the hook failed with status $?"
 fi

@@ -1,7 +1,8 @@
 #!/bin/bash
 # The guest half of scripts/nfs-e2e.sh: runs as root in the QEMU guest, in
 # the host's root file system (read-only over 9p) with tmpfs on /tmp, /run and
-# /var/lib/nfs and a tmpfs copy of /etc. Starts the kernel NFS server, puts an export in force through
+# /var/lib/nfs and a tmpfs copy of /etc. Checks that a silent host fails a
+# mount within the subscriber's limit, starts the kernel NFS server, puts an export in force through
 # the exports file and quill-exports-watch, mounts it over 127.0.0.1 through
 # the mount adapter (with the subscriber's own argument vectors), writes
 # through the mount and unmounts; starts the system bus with the installed
@@ -55,6 +56,43 @@ ip link set lo up || fail "no loopback"
 bounded 30 modprobe -a nfsd nfs nfsv3 || fail "modprobe nfsd nfs nfsv3"
 mount -t nfsd nfsd /proc/fs/nfsd || fail "can't mount the nfsd file system"
 mkdir -p /run/rpcbind /var/lib/nfs/rpc_pipefs /var/lib/nfs/v4recovery
+# A host that takes connections and never answers (portmapper and NFS
+# ports, TCP and UDP) must fail the adapter's mount well inside the
+# subscriber's 55 s. Before the real server starts, so that the ports are
+# free.
+python3 - >/run/silent-server.log 2>&1 <<'SILENT' &
+import socket, time
+tcp, udp = [], []
+for port in (111, 2049):
+    tcp.append(socket.create_server(("127.0.0.2", port)))
+    u = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    u.bind(("127.0.0.2", port))
+    udp.append(u)
+held = []
+for s in tcp:
+    s.setblocking(False)
+end = time.time() + 120
+while time.time() < end:
+    for s in tcp:
+        try:
+            held.append(s.accept()[0])
+        except BlockingIOError:
+            pass
+    time.sleep(0.05)
+SILENT
+silent=$!
+sleep 0.5
+kill -0 "$silent" 2>/dev/null || fail "the silent server did not start: $(cat /run/silent-server.log)"
+mkdir -p /tmp/quill-dead
+started=$(date +%s)
+if bounded 70 "$adapter" -o soft,intr,locallocks 127.0.0.2:/dead /tmp/quill-dead >/run/dead-mount.log 2>&1; then
+    fail "a mount from a silent server succeeded"
+fi
+took=$(($(date +%s) - started))
+kill "$silent" 2>/dev/null
+say "a silent server failed the mount after ${took} s: $(tr '\n' ' ' </run/dead-mount.log)"
+[[ $took -lt 55 ]] || fail "a silent server held the mount for ${took} s (limit 55)"
+
 bounded 10 rpcbind -w || fail "rpcbind did not start"
 
 # A writable /etc (a tmpfs copy of the host's), so that the exports file is

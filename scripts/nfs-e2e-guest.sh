@@ -1,14 +1,14 @@
 #!/bin/bash
 # The guest half of scripts/nfs-e2e.sh: runs as root in the QEMU guest, in
-# the host's root file system (read-only over 9p) with tmpfs on /tmp, /run and
-# /var/lib/nfs and a tmpfs copy of /etc. Checks that a silent host fails a
-# mount within the subscriber's limit, starts the kernel NFS server, puts an export in force through
-# the exports file and quill-exports-watch, mounts it over 127.0.0.1 through
-# the mount adapter (with the subscriber's own argument vectors), writes
-# through the mount and unmounts; starts the system bus with the installed
-# policy and has two users' processes meet on it. Ends with one line on
-# standard output:
-# "QUILL-NFS-E2E: PASS" or "QUILL-NFS-E2E: FAIL <why>".
+# the host's root file system (read-only over 9p) with tmpfs on /tmp, /run
+# and /var/lib/nfs and a tmpfs copy of /etc. Checks that a silent host fails
+# a mount within the subscriber's limit; starts the kernel NFS server; puts
+# an export in force through the exports file and quill-exports-watch; mounts
+# it over 127.0.0.1 through the mount adapter (with the subscriber's own
+# argument vectors), writes through the mount and unmounts; starts the system
+# bus with the installed policy and has two users' processes meet on it. Ends
+# with one line on standard output: "QUILL-NFS-E2E: PASS" or
+# "QUILL-NFS-E2E: FAIL <why>".
 #
 # Environment: QUILL_BUILD_DIR (the built tools), QUILL_SOURCE_DIR.
 #

@@ -1,15 +1,19 @@
 // The mount adapter: its translation of the storage subscriber's command
 // lines, and the program running a stand-in mount(8) and umount(8).
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "MountTranslation.h"
 #include "support/RunCommand.h"
 #include "support/TestSupport.h"
+#include <quillcore/platform/Host.h>
+#include <quillcore/platform/NotificationCenter.h>
 
 namespace {
 
@@ -169,6 +173,40 @@ TEST_F(MountAdapterProgram, BadVectorsAndMissingProgramsAreClearErrors) {
                                     QUILL_TEST_NFS_MOUNT, "-o", "soft", "h:/e", "/m"});
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_NE(result.err.find("can't run"), std::string::npos) << result.err;
+}
+
+// What `cmake --install` puts in place is what the library's defaults and the
+// system bus expect: the adapter under both names where kMountPath and
+// kUmountPath point (relative to the prefix), the bus policy, the units and
+// the watcher.
+TEST(MountAdapterInstall, TheDefaultsNameTheInstalledAdapter) {
+    const char* build = std::getenv("QUILL_TEST_BUILD_DIR");
+    const char* cmake = std::getenv("QUILL_TEST_CMAKE");
+    if (!build || !cmake) GTEST_SKIP() << "QUILL_TEST_BUILD_DIR or QUILL_TEST_CMAKE is not set";
+    quilltest::TempDir prefix("prefix");
+    const auto install = quilltest::runCommand({cmake, "--install", build, "--prefix", prefix.str()});
+    ASSERT_EQ(install.exitCode, 0) << install.out << install.err;
+
+    const std::string helpers = QUILL_TEST_HELPERDIR;
+    const std::filesystem::path mount = prefix / helpers / "quill-nfs-mount";
+    const std::filesystem::path umount = prefix / helpers / "quill-nfs-umount";
+    EXPECT_EQ(::access(mount.c_str(), X_OK), 0) << mount;
+    EXPECT_EQ(std::filesystem::canonical(umount), std::filesystem::canonical(mount));
+    const std::string mountSuffix = "/" + helpers + "/quill-nfs-mount";
+    const std::string umountSuffix = "/" + helpers + "/quill-nfs-umount";
+    EXPECT_TRUE(std::string(quill::platform::kMountPath).ends_with(mountSuffix)) << quill::platform::kMountPath;
+    EXPECT_TRUE(std::string(quill::platform::kUmountPath).ends_with(umountSuffix)) << quill::platform::kUmountPath;
+
+    // Called by its unmount name from the install tree, it unmounts.
+    auto result = quilltest::runCommand({umount.string(), "-f", "relative"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "quill-nfs-mount: mount point \"relative\" is not an absolute path\n");
+
+    EXPECT_TRUE(std::filesystem::exists(prefix / "share/dbus-1/system.d" / quill::platform::kSystemBusPolicyFileName));
+    for (const char* unit : {"quillcore-exports.path", "quillcore-exports.service", "quillcore-storage.service"}) {
+        EXPECT_TRUE(std::filesystem::exists(prefix / "lib/systemd/system" / unit)) << unit;
+    }
+    EXPECT_EQ(::access((prefix / "sbin/quill-exports-watch").c_str(), X_OK), 0);
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
-// The host-wide notification centre: named notifications with a sender text and
-// a property-list dictionary, posted by one process and delivered to the
+// The notification centre: named notifications with a sender text and a
+// property-list dictionary, posted by one process and delivered to the
 // observers of every process of the same user on the same host (the poster
-// included).
+// included), or, on the host-wide bus (hostNotificationCenter()), of every
+// process of the host whatever its user.
 //
 // A CNotificationCenter keeps the registrations of its process and hands each
 // notification to the run loop of the thread that registered the matching

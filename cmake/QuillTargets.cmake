@@ -81,3 +81,11 @@ endfunction()
 if(QUILL_BUILD_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+
+# Where `cmake --install` puts the helper programs that the library runs
+# itself (the mount adapter, docs/storage.md). Relative to the install prefix
+# unless absolute. The library's default mount and unmount commands are fixed
+# to this directory under the configured prefix when it is built.
+set(QUILL_INSTALL_HELPERDIR "${CMAKE_INSTALL_LIBEXECDIR}/quillcore" CACHE STRING
+    "Install directory of the helper programs the library runs")
+quill_full_install_dir(QUILL_FULL_HELPERDIR "${QUILL_INSTALL_HELPERDIR}")

@@ -235,6 +235,8 @@ namespace {
 
 std::atomic<CNotificationCenter*> gSubstitute{nullptr};
 std::atomic<CNotificationCenter*> gDefaultCenter{nullptr};
+std::atomic<CNotificationCenter*> gHostSubstitute{nullptr};
+std::atomic<CNotificationCenter*> gDefaultHostCenter{nullptr};
 
 // What a normally ending process waits for its last notifications.
 constexpr double kExitFlushSeconds = 1.0;
@@ -256,6 +258,21 @@ CNotificationCenter& notificationCenter() {
 
 CNotificationCenter* setNotificationCenter(CNotificationCenter* substitute) noexcept {
     return gSubstitute.exchange(substitute, std::memory_order_acq_rel);
+}
+
+CNotificationCenter& hostNotificationCenter() {
+    if (CNotificationCenter* substitute = gHostSubstitute.load(std::memory_order_acquire)) return *substitute;
+    static CNotificationCenter* const center = [] {
+        auto* made = new CNotificationCenter(makeDBusNotificationTransport(NotificationBus::HostWide));
+        gDefaultHostCenter.store(made, std::memory_order_release);
+        std::atexit([] { gDefaultHostCenter.load(std::memory_order_acquire)->flush(kExitFlushSeconds); });
+        return made;
+    }();
+    return *center;
+}
+
+CNotificationCenter* setHostNotificationCenter(CNotificationCenter* substitute) noexcept {
+    return gHostSubstitute.exchange(substitute, std::memory_order_acq_rel);
 }
 
 // ------------------------------------------------------------ loopback

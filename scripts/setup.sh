@@ -9,6 +9,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     libplist-dev libspdlog-dev
     dbus-daemon dbus-bin openssl python3
+    nfs-kernel-server
 )
 
 missing=()

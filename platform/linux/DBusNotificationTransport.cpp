@@ -79,7 +79,7 @@ std::string errorText(int negativeErrno) { return posixError(-negativeErrno).mes
 
 class CDBusNotificationTransport final : public INotificationTransport {
 public:
-    CDBusNotificationTransport();
+    explicit CDBusNotificationTransport(NotificationBus bus);
     ~CDBusNotificationTransport() override;
 
     void attach(INotificationSink& sink) override { _sink = &sink; }
@@ -157,6 +157,7 @@ private:
     static int onMatchInstalled(sd_bus_message* message, void* self,
                                 sd_bus_error* error) FERRO_NO_THREAD_SAFETY_ANALYSIS;
 
+    const NotificationBus _which;
     const pid_t _pid;
     const CFileDescriptor _wakeFd;
     const std::shared_ptr<Guard> _guard = std::make_shared<Guard>();
@@ -184,8 +185,8 @@ private:
     Clock::time_point _retryAfter FERRO_GUARDED_BY(_mutex);
 };
 
-CDBusNotificationTransport::CDBusNotificationTransport()
-    : _pid(::getpid()), _wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+CDBusNotificationTransport::CDBusNotificationTransport(NotificationBus bus)
+    : _which(bus), _pid(::getpid()), _wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     ferrocore::CAutoMutex lock(_guard->mutex);
     _guard->transport = this;
 }
@@ -257,7 +258,11 @@ std::error_code CDBusNotificationTransport::connectLocked() {
     const auto attemptStart = Clock::now();
     std::string problems;
     int error = 0;
-    for (const sessionbus::Candidate& candidate : sessionbus::standardCandidates()) {
+    // The host-wide bus is the system's; nobody may start one in its place.
+    const std::vector<sessionbus::Candidate> candidates = _which == NotificationBus::HostWide
+                                                              ? std::vector{sessionbus::systemBusCandidate()}
+                                                              : sessionbus::standardCandidates();
+    for (const sessionbus::Candidate& candidate : candidates) {
         if ((_bus = openBus(candidate.address, error))) {
             _address = candidate.address;
             break;
@@ -265,7 +270,8 @@ std::error_code CDBusNotificationTransport::connectLocked() {
         problems += candidate.origin + " (" + candidate.address + "): " + errorText(error) + "; ";
     }
     std::error_code failure;
-    if (!_bus) {
+    if (!_bus && _which == NotificationBus::HostWide && error < 0) failure = posixError(-error);
+    if (!_bus && _which == NotificationBus::User) {
         std::string address, problem;
         bool started = false;
         failure = sessionbus::ensurePrivateBus(address, started, problem);
@@ -699,8 +705,8 @@ void CDBusNotificationTransport::run() noexcept {
 
 }  // namespace
 
-std::unique_ptr<INotificationTransport> makeDBusNotificationTransport() {
-    return std::make_unique<CDBusNotificationTransport>();
+std::unique_ptr<INotificationTransport> makeDBusNotificationTransport(NotificationBus bus) {
+    return std::make_unique<CDBusNotificationTransport>(bus);
 }
 
 }  // namespace quill::platform

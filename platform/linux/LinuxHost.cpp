@@ -48,6 +48,11 @@
 
 namespace quill::platform {
 
+// QUILL_HELPER_DIR is the helper directory under the configured install
+// prefix (platform/CMakeLists.txt).
+const char* const kMountPath = QUILL_HELPER_DIR "/quill-nfs-mount";
+const char* const kUmountPath = QUILL_HELPER_DIR "/quill-nfs-umount";
+
 namespace {
 
 // Beyond this many seconds either way the C library's broken-down time would

@@ -223,6 +223,12 @@ std::vector<Candidate> standardCandidates() {
     return out;
 }
 
+Candidate systemBusCandidate() {
+    std::string system = envValue(kSystemBusAddressVariable);
+    if (!system.empty()) return {system, kSystemBusAddressVariable};
+    return {unixAddress(kSystemBusSocketPath), "the system bus"};
+}
+
 std::string privateBusDirectory() {
     std::string runtime = envValue("XDG_RUNTIME_DIR");
     if (runtime.empty()) {

@@ -18,6 +18,10 @@ struct Candidate {
 // runtime directory's "bus" socket when it exists.
 std::vector<Candidate> standardCandidates();
 
+// The host-wide bus: DBUS_SYSTEM_BUS_ADDRESS, else the standard system bus
+// socket (kSystemBusSocketPath).
+Candidate systemBusCandidate();
+
 // The directory of the private per-user bus: $XDG_RUNTIME_DIR/quillcore,
 // else /run/user/<uid>/quillcore when /run/user/<uid> belongs to the user,
 // else /tmp/quillcore-<uid>.

@@ -19,7 +19,7 @@ int escapedByte(std::string_view text, std::size_t at) noexcept {
 }  // namespace
 
 bool isFaithfullyExportable(std::string_view path) noexcept {
-    if (path.empty()) return false;
+    if (path.empty() || path.size() > kMaxExportPathLength) return false;
     for (std::size_t i = 0; i < path.size(); ++i) {
         if (path[i] == '\0') return false;
         if (path[i] == '\\' && i + 3 < path.size() && isOctal(path[i + 1]) && isOctal(path[i + 2]) &&

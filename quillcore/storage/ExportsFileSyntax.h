@@ -4,6 +4,7 @@
 // three octal digits.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -13,10 +14,16 @@
 // interface.
 namespace quill::storage::exportsfile {
 
+// The longest path the NFS tools read from an exports file (their
+// NFS_MAXPATHLEN). A longer one does not fail alone: exportfs silently drops
+// its line and every line after it.
+inline constexpr std::size_t kMaxExportPathLength = 1024;
+
 // Whether `path` can stand in an exports file and mean itself. False when it
-// is empty or holds a NUL byte, or a backslash followed by three octal digits:
-// the NFS tools decode such a sequence more than once, so whatever it is
-// escaped as, the server would export another path.
+// is empty, longer than kMaxExportPathLength bytes or holds a NUL byte, or a
+// backslash followed by three octal digits: the NFS tools decode such a
+// sequence more than once, so whatever it is escaped as, the server would
+// export another path.
 QUILL_EXPORT bool isFaithfullyExportable(std::string_view path) noexcept;
 
 // `path` as the first field of an exports line: white space, control

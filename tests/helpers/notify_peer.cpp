@@ -11,14 +11,18 @@
 //       posts NAME with its own process ID as sender until it has heard a
 //       notification NAME from another process, then a little longer; exits
 //       0 when it has, 1 after ten seconds without.
+//   quill_notify_peer --host MODE ...
+//       the same on the host-wide bus (hostNotificationCenter()).
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
 #include <unistd.h>
 
 #include <quillcore/control/QuillNotification.h>
+#include <quillcore/platform/NotificationCenter.h>
 #include <quillcore/platform/RunLoop.h>
 
 namespace {
@@ -49,13 +53,21 @@ void meet(PLNotificationCenterRef, void* observer, PLStringRef, PLStringRef send
 }
 
 int usage() {
-    std::fprintf(stderr, "usage: quill_notify_peer echo LISTEN REPLY COUNT | post NAME SENDER COUNT | meet NAME\n");
+    std::fprintf(stderr,
+                 "usage: quill_notify_peer [--host] echo LISTEN REPLY COUNT | post NAME SENDER COUNT | meet NAME\n");
     return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::unique_ptr<quill::platform::CScopedNotificationCenter> hostWide;
+    if (argc > 1 && std::string(argv[1]) == "--host") {
+        hostWide =
+            std::make_unique<quill::platform::CScopedNotificationCenter>(quill::platform::hostNotificationCenter());
+        --argc;
+        ++argv;
+    }
     if (argc < 3) return usage();
     const std::string mode = argv[1];
     CRunLoop& loop = CRunLoop::current();

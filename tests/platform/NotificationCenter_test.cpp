@@ -428,4 +428,93 @@ TEST_F(PrivateBusTest, RefusesAnUnsafeDirectoryElseRacingProcessesStartOneBusAnd
     EXPECT_EQ(started(), 1u);
 }
 
+// ------------------------------------------------------ host-wide bus
+
+// A bus configured like the system bus, restricted to what the installed
+// policy file grants; the host-wide centre and the peers find it through
+// DBUS_SYSTEM_BUS_ADDRESS, and the session bus is out of reach, so nothing
+// can pass that way.
+class HostBusTest : public testing::Test {
+protected:
+    quilltest::PrivateSystemBus bus;
+    quilltest::ScopedEnv systemAddress{"DBUS_SYSTEM_BUS_ADDRESS", bus.address()};
+    quilltest::ScopedEnv noSession{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/quilltest"};
+    CNotificationCenter center{makeDBusNotificationTransport(NotificationBus::HostWide)};
+};
+
+TEST_F(HostBusTest, AProcessOfAnotherUserAnswersOnTheHostWideBus) {
+    const std::string listen = uniqueName("request"), reply = uniqueName("reply");
+    Seen got;
+    int key = 0;
+    center.addObserver(&key, got.handler(), str(reply).get(), nullptr);
+    syncWithBus(center);
+    // As an ordinary user when the test can switch to one, like a client
+    // program talking to the serving process.
+    std::vector<std::string> args{"--host", "echo", listen, reply, "1"};
+    std::string program;
+    if (::geteuid() == 0) {
+        args.insert(args.begin(), {"--reuid=nobody", "--regid=nogroup", "--clear-groups", quilltest::notifyPeerPath()});
+        program = "/usr/bin/setpriv";
+    }
+    PeerProcess peer(args, program);
+    ASSERT_TRUE(runLoopUntil([&] { return got.all.size() == 1; })) << peer.output();
+
+    PLHolder<PLMutableDictionary> info = PLMutableDictionary::create();
+    info->set(str("storageURL"), str("/Volumes/Data/ABCD1234-0F0F0F0F/shared"));
+    center.post(str(listen).get(), str("client").get(), info.get());
+    ASSERT_TRUE(runLoopUntil([&] { return got.all.size() == 2; })) << peer.output();
+    ASSERT_NE(got.all[1].sender, nullptr);
+    EXPECT_EQ(got.all[1].sender->str(), "client");
+    EXPECT_TRUE(PLEqual(got.all[1].userInfo.get(), info.get()));
+    EXPECT_EQ(peer.wait(), 0) << peer.output();
+    center.removeObserver(&key);
+}
+
+TEST_F(HostBusTest, ThePolicyLetsOurSignalThroughAndNothingElse) {
+    auto ok = [](int r) { return r >= 0; };
+    sd_bus* sender = nullptr;
+    sd_bus* receiver = nullptr;
+    for (sd_bus** bus : {&sender, &receiver}) {
+        ASSERT_TRUE(ok(sd_bus_new(bus)) && ok(sd_bus_set_address(*bus, this->bus.address().c_str())) &&
+                    ok(sd_bus_set_bus_client(*bus, 1)) && ok(sd_bus_start(*bus)));
+    }
+    std::vector<std::string> arrived;
+    auto onSignal = [](sd_bus_message* m, void* seen, sd_bus_error*) {
+        static_cast<std::vector<std::string>*>(seen)->push_back(std::string(sd_bus_message_get_interface(m)) + "." +
+                                                                sd_bus_message_get_member(m));
+        return 0;
+    };
+    ASSERT_TRUE(ok(sd_bus_add_match(receiver, nullptr, "type='signal',path='/com/tessaly/quillcore/Notifications'",
+                                    onSignal, &arrived)));
+    // The same path and arguments under another interface and member, then
+    // ours: the bus keeps one sender's order, so once ours has arrived the
+    // others would have too.
+    const std::string other = std::string(kNotificationBusInterface) + "Extra";
+    ASSERT_TRUE(ok(sd_bus_emit_signal(sender, kNotificationBusPath, other.c_str(), kNotificationBusMember, "ssbay", "n",
+                                      "", 0, 0, nullptr)));
+    ASSERT_TRUE(ok(sd_bus_emit_signal(sender, kNotificationBusPath, kNotificationBusInterface, "Other", "ssbay", "n",
+                                      "", 0, 0, nullptr)));
+    ASSERT_TRUE(ok(sd_bus_emit_signal(sender, kNotificationBusPath, kNotificationBusInterface, kNotificationBusMember,
+                                      "ssbay", "n", "", 0, 0, nullptr)));
+    ASSERT_TRUE(ok(sd_bus_flush(sender)));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (arrived.empty() && std::chrono::steady_clock::now() < deadline) {
+        if (sd_bus_process(receiver, nullptr) == 0) sd_bus_wait(receiver, 100000);
+    }
+    EXPECT_EQ(arrived,
+              (std::vector<std::string>{std::string(kNotificationBusInterface) + "." + kNotificationBusMember}));
+    sd_bus_flush_close_unref(sender);
+    sd_bus_flush_close_unref(receiver);
+}
+
+TEST_F(HostBusTest, WithoutASystemBusPostsFailAndNoBusIsStarted) {
+    quilltest::ScopedEnv nowhere{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/quilltest-system"};
+    quilltest::TempDir runtime("runtime");
+    quilltest::ScopedEnv xdg{"XDG_RUNTIME_DIR", runtime.str()};
+    CNotificationCenter lonely{makeDBusNotificationTransport(NotificationBus::HostWide)};
+    EXPECT_TRUE(lonely.post(str("QuillTestNowhere").get(), nullptr, nullptr));
+    EXPECT_FALSE(std::filesystem::exists(runtime / "quillcore"));
+    EXPECT_FALSE(consoleLinesWith("DBUS_SYSTEM_BUS_ADDRESS (unix:path=/nonexistent/quilltest-system)").empty());
+}
+
 }  // namespace

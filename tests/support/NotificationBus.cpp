@@ -105,6 +105,79 @@ const std::string& privateBusAddress() {
     return bus.address;
 }
 
+PrivateSystemBus::PrivateSystemBus() {
+    char pattern[] = "/tmp/quilltest-sysbus-XXXXXX";
+    if (!::mkdtemp(pattern)) throw std::runtime_error("mkdtemp failed");
+    _dir = pattern;
+    fs::permissions(_dir, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec);
+    const fs::path socket = _dir / "system_bus_socket";
+    const fs::path policy = sourceDir() / "dbus" / "com.tessaly.quillcore.Notifications.conf";
+    writeFile(_dir / "system.conf",
+              "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+              " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+              "<busconfig>\n"
+              "  <type>system</type>\n"
+              "  <listen>unix:path=" +
+                  socket.string() +
+                  "</listen>\n"
+                  "  <auth>EXTERNAL</auth>\n"
+                  "  <policy context=\"default\">\n"
+                  "    <allow user=\"*\"/>\n"
+                  "    <deny own=\"*\"/>\n"
+                  "    <deny send_type=\"method_call\"/>\n"
+                  "    <deny send_type=\"signal\"/>\n"
+                  "    <deny receive_type=\"signal\"/>\n"
+                  "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
+                  "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
+                  "    <allow receive_type=\"method_call\"/>\n"
+                  "    <allow receive_type=\"method_return\"/>\n"
+                  "    <allow receive_type=\"error\"/>\n"
+                  "    <allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"/>\n"
+                  "  </policy>\n"
+                  "  <include>" +
+                  policy.string() +
+                  "</include>\n"
+                  "</busconfig>\n");
+    const std::string configArg = "--config-file=" + (_dir / "system.conf").string();
+    const char* argv[] = {"/usr/bin/dbus-daemon", configArg.c_str(), "--nofork", "--print-address=3", nullptr};
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    const pid_t parent = ::getpid();
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (::getppid() != parent) _exit(1);
+        ::dup2(out[1], 3);
+        int devNull = ::open("/dev/null", O_RDWR);
+        ::dup2(devNull, 0);
+        ::dup2(devNull, 1);
+        ::dup2(devNull, 2);
+        ::close_range(4, ~0U, 0);
+        ::execve(argv[0], const_cast<char* const*>(argv), environ);
+        _exit(127);
+    }
+    ::close(out[1]);
+    try {
+        _address = readLine(out[0]);
+    } catch (...) {
+        ::close(out[0]);
+        stopProcess(pid);
+        fs::remove_all(_dir);
+        throw;
+    }
+    ::close(out[0]);
+    _pid = pid;
+    // Other users must reach the socket.
+    fs::permissions(socket, fs::perms::all);
+}
+
+PrivateSystemBus::~PrivateSystemBus() {
+    stopProcess(_pid);
+    std::error_code ignored;
+    fs::remove_all(_dir, ignored);
+}
+
 void killPrivateBus() {
     stopProcess(testBus().pid);
     testBus().pid = -1;

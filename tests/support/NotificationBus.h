@@ -23,6 +23,27 @@ const std::string& privateBusAddress();
 // then starts a new one on the same socket.
 void killPrivateBus();
 
+// A bus daemon configured like the system bus (its own socket in a fresh
+// directory that every user may enter, EXTERNAL authentication, no names or
+// method calls for anyone and, unlike Debian's, no signals either) plus the
+// policy file that the project installs, so that exactly what that file
+// grants gets through. Stopped and removed by the destructor.
+class PrivateSystemBus {
+public:
+    PrivateSystemBus();
+    ~PrivateSystemBus();
+    PrivateSystemBus(const PrivateSystemBus&) = delete;
+    PrivateSystemBus& operator=(const PrivateSystemBus&) = delete;
+
+    // The address for DBUS_SYSTEM_BUS_ADDRESS.
+    const std::string& address() const { return _address; }
+
+private:
+    pid_t _pid = -1;
+    std::filesystem::path _dir;
+    std::string _address;
+};
+
 // Stops a per-user bus that the library started below `runtimeDir` (the
 // directory XDG_RUNTIME_DIR named), using its pid file; false when there was
 // none.

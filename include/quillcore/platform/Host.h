@@ -62,10 +62,20 @@ enum class SystemPath : std::uint8_t {
 
 inline constexpr const char* kRunwardCtlPath = "/bin/runwardctl";
 inline constexpr const char* kRunwardCtlPathVariable = "QUILL_RUNWARDCTL";
-inline constexpr const char* kMountPath = "/sbin/mount";
+// The mount and unmount commands default to the mount adapter installed with
+// the library (quill-nfs-mount and quill-nfs-umount in its helper directory,
+// <prefix>/libexec/quillcore unless configured otherwise; the path is fixed
+// when the library is built). The adapter takes the storage subscriber's
+// command lines and runs Linux's mount(8) and umount(8) for NFS; see
+// docs/storage.md. Set QUILL_MOUNT=/sbin/mount and QUILL_UMOUNT=/sbin/umount
+// (kSbinMountPath, kSbinUmountPath) on a host whose own commands take those
+// command lines as they are.
+QUILL_PLATFORM_EXPORT extern const char* const kMountPath;
 inline constexpr const char* kMountPathVariable = "QUILL_MOUNT";
-inline constexpr const char* kUmountPath = "/sbin/umount";
+QUILL_PLATFORM_EXPORT extern const char* const kUmountPath;
 inline constexpr const char* kUmountPathVariable = "QUILL_UMOUNT";
+inline constexpr const char* kSbinMountPath = "/sbin/mount";
+inline constexpr const char* kSbinUmountPath = "/sbin/umount";
 inline constexpr const char* kExportsFilePath = "/etc/exports";
 inline constexpr const char* kExportsFilePathVariable = "QUILL_EXPORTS_FILE";
 

@@ -1,7 +1,8 @@
-// The host-wide notification centre: named notifications with a sender text and
-// a property-list dictionary, posted by one process and delivered to the
+// The notification centre: named notifications with a sender text and a
+// property-list dictionary, posted by one process and delivered to the
 // observers of every process of the same user on the same host (the poster
-// included).
+// included), or, on the host-wide bus (hostNotificationCenter()), of every
+// process of the host whatever its user.
 //
 // A CNotificationCenter keeps the registrations of its process and hands each
 // notification to the run loop of the thread that registered the matching
@@ -135,13 +136,28 @@ public:
     virtual void watchFromCurrentThread() = 0;
 };
 
-// The D-Bus transport: one connection to the user's session bus (see
-// docs/notification-bus.md for the bus, the signal and the private per-user
-// bus it starts when no session bus answers). Connects on first use; a lost
-// connection is reported on the console log and made again by the next send
-// or filter change, which also puts every filter back. Throws std::bad_alloc
-// only; connection failures surface as send() errors.
-QUILL_PLATFORM_EXPORT std::unique_ptr<INotificationTransport> makeDBusNotificationTransport();
+// Which processes a D-Bus transport reaches.
+enum class NotificationBus : std::uint8_t {
+    // The processes of the same user: the session bus, else the private
+    // per-user bus, which the transport starts when none answers.
+    User,
+    // Every process of the host, whatever its user: the system bus, at
+    // DBUS_SYSTEM_BUS_ADDRESS (read with secure_getenv at every connection
+    // attempt) or else kSystemBusSocketPath. Never started by the library;
+    // the bus must let our signal through (the policy file installed as
+    // kSystemBusPolicyFileName). Storage requests and their replies travel
+    // here, between ordinary users' programs and the serving process.
+    HostWide,
+};
+
+// The D-Bus transport: one connection to the bus `bus` names (see
+// docs/notification-bus.md for the buses, the signal and the private per-user
+// bus). Connects on first use; a lost connection is reported on the console
+// log and made again by the next send or filter change, which also puts every
+// filter back. Throws std::bad_alloc only; connection failures surface as
+// send() errors.
+QUILL_PLATFORM_EXPORT std::unique_ptr<INotificationTransport> makeDBusNotificationTransport(
+    NotificationBus bus = NotificationBus::User);
 
 // A transport that hands every notification straight back to its own centre,
 // on the posting thread (delivery still goes through the observers' run
@@ -212,6 +228,17 @@ QUILL_PLATFORM_EXPORT CNotificationCenter& notificationCenter();
 // posts or registers.
 QUILL_PLATFORM_EXPORT CNotificationCenter* setNotificationCenter(CNotificationCenter* substitute) noexcept;
 
+// The process's centre on the host-wide bus (NotificationBus::HostWide):
+// the one installed with setHostNotificationCenter(), else a default one made
+// on first use, which, like the default centre, belongs to the library, lives
+// until the process ends and flushes for up to a second at a normal exit.
+QUILL_PLATFORM_EXPORT CNotificationCenter& hostNotificationCenter();
+
+// Installs `substitute` as the process's host-wide centre (null reinstalls the
+// default) and returns the one installed before (null for the default). Same
+// rules as setNotificationCenter().
+QUILL_PLATFORM_EXPORT CNotificationCenter* setHostNotificationCenter(CNotificationCenter* substitute) noexcept;
+
 // Installs a centre for the lifetime of the object.
 class QUILL_PLATFORM_EXPORT CScopedNotificationCenter final {
 public:
@@ -220,6 +247,19 @@ public:
     ~CScopedNotificationCenter() { setNotificationCenter(_previous); }
     CScopedNotificationCenter(const CScopedNotificationCenter&) = delete;
     CScopedNotificationCenter& operator=(const CScopedNotificationCenter&) = delete;
+
+private:
+    CNotificationCenter* const _previous;
+};
+
+// Installs a host-wide centre for the lifetime of the object.
+class QUILL_PLATFORM_EXPORT CScopedHostNotificationCenter final {
+public:
+    explicit CScopedHostNotificationCenter(CNotificationCenter& substitute) noexcept
+        : _previous(setHostNotificationCenter(&substitute)) {}
+    ~CScopedHostNotificationCenter() { setHostNotificationCenter(_previous); }
+    CScopedHostNotificationCenter(const CScopedHostNotificationCenter&) = delete;
+    CScopedHostNotificationCenter& operator=(const CScopedHostNotificationCenter&) = delete;
 
 private:
     CNotificationCenter* const _previous;
@@ -247,6 +287,13 @@ inline constexpr const char* kPrivateBusPidName = "bus.pid";
 // another program (for tests).
 inline constexpr const char* kDBusDaemonPath = "/usr/bin/dbus-daemon";
 inline constexpr const char* kDBusDaemonPathVariable = "QUILL_DBUS_DAEMON";
+
+// The host-wide bus: the system bus's standard socket, the environment
+// variable that names another address, and the policy file that lets our
+// signal through, installed in the bus's system.d directory (docs/storage.md).
+inline constexpr const char* kSystemBusSocketPath = "/run/dbus/system_bus_socket";
+inline constexpr const char* kSystemBusAddressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
+inline constexpr const char* kSystemBusPolicyFileName = "com.tessaly.quillcore.Notifications.conf";
 
 // ------------------------------------------------------------ payload
 

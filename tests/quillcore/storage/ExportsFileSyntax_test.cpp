@@ -40,6 +40,10 @@ TEST(ExportsFileSyntax, RefusesWhatTheNfsToolsWouldDecodeTwice) {
     EXPECT_FALSE(isFaithfullyExportable(std::string("/nul\0byte", 9)));
     for (const std::string path : {"/a\\10", "/a\\8", "/a\\x101", "/end\\"})
         EXPECT_TRUE(isFaithfullyExportable(path)) << path;
+    // The length limit counts the path, not its escaped field.
+    EXPECT_TRUE(isFaithfullyExportable("/" + std::string(1023, 'a')));
+    EXPECT_FALSE(isFaithfullyExportable("/" + std::string(1024, 'a')));
+    EXPECT_TRUE(isFaithfullyExportable("/" + std::string(1023, ' ')));
     // Sequences that are not escapes are read as they stand.
     EXPECT_EQ(unescapePath("/a\\8\\000\\1"), "/a\\8\\000\\1");
 }

@@ -63,6 +63,10 @@ std::error_code CHostWrapper::fileSystemStatus(const std::string& path) { return
 std::error_code CHostWrapper::fileMode(const std::string& path, std::uint32_t& mode) {
     return _target->fileMode(path, mode);
 }
+std::error_code CHostWrapper::fileStatus(const std::string& path, CFileStatus& status) {
+    return _target->fileStatus(path, status);
+}
+std::error_code CHostWrapper::duplicateDescriptor(int from, int to) { return _target->duplicateDescriptor(from, to); }
 std::error_code CHostWrapper::setFileMode(const std::string& path, std::uint32_t mode) {
     return _target->setFileMode(path, mode);
 }

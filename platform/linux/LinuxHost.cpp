@@ -398,6 +398,24 @@ public:
         return {};
     }
 
+    std::error_code fileStatus(const std::string& path, CFileStatus& status) override {
+        struct stat st {};
+        if (::stat(path.c_str(), &st) != 0) return posixError(errno);
+        status.mode = st.st_mode;
+        status.ownerUserID = st.st_uid;
+        status.size = static_cast<std::uint64_t>(st.st_size);
+        return {};
+    }
+
+    std::error_code duplicateDescriptor(int from, int to) override {
+        int rc;
+        do {
+            rc = ::dup2(from, to);
+        } while (rc < 0 && errno == EINTR);
+        if (rc < 0) return posixError(errno);
+        return {};
+    }
+
     std::error_code setFileMode(const std::string& path, std::uint32_t mode) override {
         if (::chmod(path.c_str(), static_cast<mode_t>(mode)) != 0) return posixError(errno);
         return {};

@@ -86,7 +86,33 @@ CServiceCacheEntry::CServiceCacheEntry(PLStringRef name, PLDictionaryRef dict)
     fromDict(dict);
 }
 
+namespace {
+
+// The keys of the string, array and dictionary fields. A value of another
+// type under one of them is kept as it is and written back unchanged.
+const PLStringRef kKeptAsIsKeys[] = {kNetworkNameKey, kDisplayNameKey, kDescriptionKey, kExecutableKey, kPathKey,
+                                     kBundlePathKey,  kCaptureKeyKey,  kUserIDsKey,     kUserPrefsKey};
+
+bool hasExpectedType(PLStringRef key, const PLObject& value) {
+    if (key == kUserIDsKey) return PLArray::matches(value);
+    if (key == kUserPrefsKey) return PLDictionary::matches(value);
+    return PLString::matches(value);
+}
+
+}  // namespace
+
 void CServiceCacheEntry::fromDict(PLDictionaryRef dict) {
+    _otherTypedValues.reset();
+    if (dict) {
+        PLHolder<PLMutableDictionary> kept;
+        for (const PLStringRef key : kKeptAsIsKeys) {
+            const PLObject* value = dict->get(key);
+            if (!value || hasExpectedType(key, *value)) continue;
+            if (!kept) kept = PLMutableDictionary::create();
+            kept->set(PLHolder<const PLObject>::retain(key), PLHolder<const PLObject>::retain(value));
+        }
+        if (kept) _otherTypedValues = std::move(kept);
+    }
     _networkName = valueOf<PLString>(dict, kNetworkNameKey);
     _displayName = valueOf<PLString>(dict, kDisplayNameKey);
     _description = valueOf<PLString>(dict, kDescriptionKey);
@@ -152,7 +178,20 @@ PLHolder<PLMutableDictionary> CServiceCacheEntry::toDict() const {
     setBool(*dict, kVisibleKey, _visible);
     if (_advertising != 0) setInt32(*dict, kAdvertisingKey, _advertising);
     if (nonEmpty(_launchHint.get())) setValue(*dict, kLaunchHintKey, _launchHint.get());
+    writeOtherTypedValues(*dict);
     return dict;
+}
+
+void CServiceCacheEntry::writeOtherTypedValues(PLMutableDictionary& dict) const {
+    if (!_otherTypedValues) return;
+    for (const auto& [key, value] : _otherTypedValues->entries()) {
+        const PLObject* written = dict.get(key.get());
+        // A field set since (or user preferences made for the stdout path)
+        // wins over the kept value.
+        const bool emptyPrefs = PLEqual(key.get(), kUserPrefsKey) && !_userPrefs && !nonEmpty(_stdoutPath.get());
+        if (written && !emptyPrefs) continue;
+        dict.set(key, value);
+    }
 }
 
 std::int32_t CServiceCacheEntry::ConvertToRealInstanceCount(std::int32_t count) {

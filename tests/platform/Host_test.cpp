@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <cmath>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -12,6 +13,7 @@
 
 #include "support/FixedClockHost.h"
 #include "support/TestSupport.h"
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/Host.h>
 
 namespace {
@@ -194,6 +196,32 @@ TEST(LinuxHostFiles, ScopedFileCreationMaskIsRestoredOnEveryExit) {
         throw std::runtime_error("leaves the scope");
     } catch (const std::runtime_error&) {}
     EXPECT_EQ(umask(before), 022u);
+}
+
+TEST(LinuxHostFiles, StatusFollowsLinksAndDuplicatesReplaceDescriptors) {
+    quilltest::TempDir dir;
+    quilltest::writeFile(dir / "f", "12345");
+    std::filesystem::create_symlink(dir / "f", dir / "link");
+    quill::platform::CFileStatus status;
+    ASSERT_FALSE(host().fileStatus((dir / "link").string(), status));
+    EXPECT_EQ(status.size, 5u);
+    EXPECT_TRUE(S_ISREG(status.mode));
+    EXPECT_EQ(status.ownerUserID, geteuid());
+    EXPECT_EQ(host().fileStatus((dir / "none").string(), status), std::errc::no_such_file_or_directory);
+    EXPECT_EQ(status.size, 5u);  // left as it was
+
+    quill::platform::CFileDescriptor source;
+    ASSERT_FALSE(host().openFileForReading((dir / "f").string(), source));
+    const int target = dup(source.get());
+    fcntl(target, F_SETFD, FD_CLOEXEC);
+    quill::platform::CFileDescriptor other;
+    ASSERT_FALSE(host().openFileForReading("/dev/null", other));
+    ASSERT_FALSE(host().duplicateDescriptor(other.get(), target));
+    char byte = 'x';
+    EXPECT_EQ(read(target, &byte, 1), 0);  // now /dev/null
+    EXPECT_EQ(fcntl(target, F_GETFD) & FD_CLOEXEC, 0);
+    close(target);
+    EXPECT_EQ(host().duplicateDescriptor(-1, 100), std::errc::bad_file_descriptor);
 }
 
 }  // namespace

@@ -104,6 +104,13 @@ struct CProcessorFacts {
     std::uint64_t maximumFrequency = 0;
 };
 
+// What a file-status query (stat, following symbolic links) tells of a file.
+struct CFileStatus {
+    std::uint32_t mode = 0;         // st_mode: type and permission bits
+    std::uint32_t ownerUserID = 0;  // st_uid
+    std::uint64_t size = 0;         // st_size, in bytes
+};
+
 // Everything the library takes from the host.
 class QUILL_PLATFORM_EXPORT IHost {
 public:
@@ -236,6 +243,11 @@ public:
     // appending, its end), resuming after partial and interrupted writes;
     // `written` as for writeFileAt().
     virtual std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) = 0;
+    // Makes the descriptor `to` refer to the open file of `from` (dup2,
+    // resumed when interrupted), closing what `to` referred to before; `to`
+    // is not close-on-exec afterwards. For replacing the process's standard
+    // streams (0, 1, 2): the caller keeps owning `from`.
+    virtual std::error_code duplicateDescriptor(int from, int to) = 0;
 
     // ------------------------------------------------------- file status
     //
@@ -247,6 +259,9 @@ public:
     // The whole mode word of `path` (stat's st_mode: type and permission
     // bits), following symbolic links.
     virtual std::error_code fileMode(const std::string& path, std::uint32_t& mode) = 0;
+    // The mode, owner and size of `path` (stat, following symbolic links). On
+    // failure `status` is left as it was.
+    virtual std::error_code fileStatus(const std::string& path, CFileStatus& status) = 0;
     // Sets the permission bits of `path` (chmod).
     virtual std::error_code setFileMode(const std::string& path, std::uint32_t mode) = 0;
     // Makes the directory `path` with `mode` less the file-creation mask
@@ -317,8 +332,10 @@ public:
     std::error_code openFileForReading(const std::string& path, CFileDescriptor& fd) override;
     std::error_code createFile(const std::string& path, std::uint32_t mode, CFileDescriptor& fd) override;
     std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) override;
+    std::error_code duplicateDescriptor(int from, int to) override;
     std::error_code fileSystemStatus(const std::string& path) override;
     std::error_code fileMode(const std::string& path, std::uint32_t& mode) override;
+    std::error_code fileStatus(const std::string& path, CFileStatus& status) override;
     std::error_code setFileMode(const std::string& path, std::uint32_t mode) override;
     std::error_code createDirectory(const std::string& path, std::uint32_t mode) override;
     std::uint32_t setFileCreationMask(std::uint32_t mask) override;

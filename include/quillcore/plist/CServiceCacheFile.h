@@ -36,7 +36,11 @@
 //   Visible           boolean  false      always
 //   Advertising       integer  0          when non-zero
 //   LaunchHint        string   unchanged  when non-empty
-// A value of the wrong type reads as absent.
+// A value of the wrong type reads as the default for numbers and flags. Under
+// a string, array or dictionary key it is taken as it is: the field reads as
+// unset, but the value is kept and written back unchanged by toDict() unless
+// the field has been set since (a "Path" stored as a number survives a
+// rewrite of the cache).
 //
 // Read-modify-write and the lock (read this before taking a lock yourself).
 // After refresh() the in-memory contents are the "corvaneservices" section,
@@ -201,6 +205,11 @@ private:
     std::int32_t _advertising = 0;
     PLHolder<const PLString> _stdoutPath;
     PLHolder<const PLString> _launchHint;
+    // Values found under the string, array and dictionary keys with another
+    // type, by key; written back as they are (null when there are none).
+    PLHolder<const PLDictionary> _otherTypedValues;
+
+    void writeOtherTypedValues(PLMutableDictionary& dict) const;
 };
 
 class QUILL_EXPORT CServiceCacheFile : public CPropertyListFile<CServiceCacheEntry> {

@@ -38,6 +38,7 @@ CProcessorFacts CHostWrapper::processorFacts() { return _target->processorFacts(
 std::vector<std::string> CHostWrapper::loadedImagePaths() { return _target->loadedImagePaths(); }
 std::string CHostWrapper::processName() { return _target->processName(); }
 std::int32_t CHostWrapper::processID() { return _target->processID(); }
+const char* const* CHostWrapper::processEnvironment() { return _target->processEnvironment(); }
 std::string CHostWrapper::homeDirectory() { return _target->homeDirectory(); }
 std::string CHostWrapper::temporaryDirectory() { return _target->temporaryDirectory(); }
 std::string CHostWrapper::systemPath(SystemPath which) { return _target->systemPath(which); }

@@ -225,6 +225,11 @@ public:
     // cached value is dropped in a forked child (see cachedProcessID).
     std::int32_t processID() override { return cachedProcessID(); }
 
+    const char* const* processEnvironment() override {
+        static const char* const kEmpty[] = {nullptr};
+        return environ ? environ : kEmpty;
+    }
+
     std::string homeDirectory() override {
         std::string home = environment("HOME");
         if (!home.empty()) return home;

@@ -6,9 +6,6 @@
 #include <thread>
 #include <vector>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <ferrocore/CException.h>
 #include <ferrocore/Format.h>
 #include <ferrocore/ProcessUtilities.h>
@@ -22,8 +19,6 @@
 #include <quillcore/plist/CServicePIDFile.h>
 #include <quillcore/util/PLUtil.h>
 
-extern char** environ;
-
 namespace quill {
 
 namespace {
@@ -35,6 +30,11 @@ PL_CONSTANT_STRING(kRestartSender, "corvaneprefs");
 // once more than this many whole seconds have passed, so about ten seconds.
 inline constexpr long kDaemonStartSeconds = 9;
 inline constexpr double kDaemonStartStep = 0.1;
+
+// Parts of a file's mode word (st_mode).
+inline constexpr std::uint32_t kFileTypeMask = 0170000;
+inline constexpr std::uint32_t kRegularFileType = 0100000;
+inline constexpr std::uint32_t kAnyExecuteBits = 0111;
 
 bool processExists(std::int32_t pid) { return pid > 0 && !platform::processSpawner().signalProcess(pid, 0); }
 
@@ -74,8 +74,8 @@ bool isOtherVersionRunningImpl(std::int32_t daemon) {
 std::string launchRefusal(const std::string& path) {
     platform::CFileStatus status;
     if (const std::error_code ec = platform::host().fileStatus(path, status)) return ec.message();
-    if (!S_ISREG(status.mode)) return std::strerror(EACCES);
-    if ((status.mode & (S_IXUSR | S_IXGRP | S_IXOTH)) == 0) return std::strerror(EACCES);
+    if ((status.mode & kFileTypeMask) != kRegularFileType) return std::strerror(EACCES);
+    if ((status.mode & kAnyExecuteBits) == 0) return std::strerror(EACCES);
     return {};
 }
 
@@ -94,7 +94,7 @@ void launchDaemon(const std::string& path) {
     };
     platform::IProcessSpawner& spawner = platform::processSpawner();
     const platform::CSpawnResult started =
-        spawner.spawn(path.c_str(), argv, environ, setup, platform::ChildMemory::Copied);
+        spawner.spawn(path.c_str(), argv, platform::host().processEnvironment(), setup, platform::ChildMemory::Copied);
     if (started.processID < 0)
         throw ferrocore::CParamException(ferrocore::formatString(
             "Couldn't launch corvane daemon with path %s, error = %s", path, std::strerror(started.error)));

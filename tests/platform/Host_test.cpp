@@ -224,4 +224,12 @@ TEST(LinuxHostFiles, StatusFollowsLinksAndDuplicatesReplaceDescriptors) {
     EXPECT_EQ(host().duplicateDescriptor(-1, 100), std::errc::bad_file_descriptor);
 }
 
+TEST(LinuxHostFacts, TheEnvironmentIsHandedOnWhole) {
+    ScopedEnv marker("QUILL_TEST_MARKER", "a b=c");
+    bool found = false;
+    for (const char* const* entry = host().processEnvironment(); *entry; ++entry)
+        found = found || std::string(*entry) == "QUILL_TEST_MARKER=a b=c";
+    EXPECT_TRUE(found);
+}
+
 }  // namespace

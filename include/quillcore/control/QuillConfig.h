@@ -138,10 +138,13 @@ QUILL_EXTERN_C QUILL_EXPORT bool installService(const PLURL* bundleURL);
 // Records the service of the bundle at `bundleURL` in the service cache under
 // `name` (or, when null, its kind) and, for a service of the service manager,
 // writes the job definition of every configured instance (also when the cache
-// is not written). An existing entry's instance count above 0 is kept. True
-// when the cache file was written; false for a bundle that cannot be opened
-// or lacks a kind, a configuration or an executable, and when an entry of
-// the same or a newer version with the same executable exists. Throws the
+// is not written). An existing entry's instance count above 0 is kept. The
+// cache is not written when an entry of the same or a newer version with the
+// same executable exists. The result is false for a bundle that cannot be
+// opened or lacks a kind, a configuration or an executable, and when the
+// cache is not written; otherwise it is the result of the cache's flush,
+// which is false whenever the flush does not throw. So a caller learns of
+// success from serviceInstalled(), not from this result. Throws the
 // exceptions of the cache file and of the job definitions.
 QUILL_EXTERN_C QUILL_EXPORT bool installServiceWithName(const PLString* name, const PLURL* bundleURL);
 // For each string of `kinds` with a cache entry: a service of the service
@@ -170,8 +173,9 @@ QUILL_EXTERN_C QUILL_EXPORT void syncLumenforgeServices();
 // Makes "~/Library/Application Support/Lumenforge/" (mode 0755; an existing
 // one is fine) and records this process under "corvaneclients" in the PID
 // file. Returns 0 when it was recorded already, 1 when it was added. Throws
-// ferrocore::CException "Couldn't create directory \"%s\", error = %s" and
-// the exceptions of the PID file.
+// ferrocore::CException "Couldn't create directory \"%s\", error = %s",
+// ferrocore::CNullPointerException "Error: home directory is null!" without a
+// home directory, and the exceptions of the PID file.
 QUILL_EXTERN_C QUILL_EXPORT int addCorvaneClient();
 // Service restart requests: "CorvaneServiceRestartNotification2" with a null
 // sender. None throws a ferrocore::CException (each writes its

@@ -168,6 +168,11 @@ public:
     // The name of the running program (without directory).
     virtual std::string processName() = 0;
     virtual std::int32_t processID() = 0;
+    // The environment of this process as a NULL-terminated vector of
+    // "NAME=value" entries, to hand on unchanged to a child that is to run
+    // with the caller's environment. Borrowed: valid until the environment
+    // next changes (setenv, putenv, unsetenv); never null.
+    virtual const char* const* processEnvironment() = 0;
     // The home directory of the current user; empty when it cannot be found.
     virtual std::string homeDirectory() = 0;
     // The directory for temporary files, without a trailing "/" (except "/").
@@ -314,6 +319,7 @@ public:
     std::vector<std::string> loadedImagePaths() override;
     std::string processName() override;
     std::int32_t processID() override;
+    const char* const* processEnvironment() override;
     std::string homeDirectory() override;
     std::string temporaryDirectory() override;
     std::string systemPath(SystemPath which) override;

@@ -180,10 +180,14 @@ TEST(StartDaemon, LaunchesDetachedAndWaitsForTheRecord) {
         "</dict></plist>' $$ $$ > \"$f.new\" && mv \"$f.new\" \"$f\"\n"
         "while :; do sleep 1; done\n";
     quilltest::writeFile(install.tree.resourcesDir() / "corvaned", script);
+    // A daemon of another version runs: a second one is started all the same.
+    LiveProcess older(install.dir.path(), "corvaned");
+    record(older.pid(), "1");
     bool served = false;
     auto timer = CRunLoop::current().addTimer(0.05, 0, [&] { served = true; });
     EXPECT_EQ(startFailure(), "(started)");
     install.endDaemon();
+    EXPECT_TRUE(fs::exists(install.pidFile()));
     EXPECT_TRUE(served);  // the caller's run loop ran during the wait
     std::ifstream facts(install.dir / "facts");
     std::string line;

@@ -257,24 +257,4 @@ TEST_F(ServiceInstallation, MissingPiecesGiveFalseAndWriteNothing) {
     EXPECT_FALSE(fs::exists(home.home() / "Library/RunwardAgents"));
 }
 
-TEST_F(ServiceInstallation, RestartRequests) {
-    restartCorvaneService(str("servicecontroller:a.b").get());
-    restartCorvaneJCService(true);
-    restartServices(kinds({str("k:1"), PLNumber::create(1)}).get());
-    settle();
-    ASSERT_EQ(inbox.size(), 3u);
-    EXPECT_EQ(inbox[0].name, "CorvaneServiceRestartNotification2");
-    EXPECT_EQ(inbox[0].sender, nullptr);
-    EXPECT_EQ(PLDynamicCast<PLString>(inbox[0].userInfo->get("serviceType"))->str(), "servicecontroller:a.b");
-    EXPECT_EQ(PLDynamicCast<PLNumber>(inbox[0].userInfo->get("uid"))->int64Value(), geteuid());
-    EXPECT_EQ(PLDynamicCast<PLString>(inbox[1].userInfo->get("serviceType"))->str(),
-              "jobcontroller:com.tessaly.lumenforge.cluster.admin");
-    EXPECT_EQ(inbox[1].userInfo->get("cancelJobs"), kPLBooleanTrue);
-    EXPECT_EQ(inbox[2].name, "CorvanePrefsChangedNotification2");
-    EXPECT_TRUE(PLEqual(inbox[2].userInfo.get(),
-                        quilltest::parsePlist("<dict><key>serviceList</key><dict><key>k:1</key><string>Restart"
-                                              "</string></dict></dict>")
-                            .get()));
-}
-
 }  // namespace

@@ -1,5 +1,6 @@
 // The installed framework layout and the verbs that depend on it: quillctl
-// frameworks, config update and perfscore.
+// frameworks, config update, the example programs with the daemon and
+// service verbs, and perfscore.
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
@@ -7,8 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ExamplePrograms.h"
+#include "support/NotificationBus.h"
 #include "support/TestSupport.h"
 #include "tools/QuillctlTest.h"
+#include <quillcore/plist/CServicePIDFile.h>
 
 namespace {
 
@@ -52,6 +56,38 @@ TEST(Frameworks, TheInstalledLibraryFindsItsFrameworkAndTheMasterDefaults) {
     r = runCommand({tool, "config", "update"});
     EXPECT_EQ(withoutStamps(r.out), "Corvane daemon needs to copy the lumenforge config file " + user.string() + "\n");
     EXPECT_EQ(readFile(user), readFile(corvane / "Resources/LumenforgeConfig.plist.default"));
+
+    // The example programs lie where the library looks for them, and run
+    // from there: the service installs from its installed bundle, the daemon
+    // starts, answers and stops.
+    const fs::path service = frameworks / "Lumenforge.framework/Resources/ExampleService.bundle";
+    EXPECT_TRUE(fs::is_regular_file(service / "Info.plist"));
+    r = runCommand({tool, "services", "install", service.string()});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out.substr(0, r.out.find(" (")), "installed " + quilltest::kExampleServiceKind);
+    r = runCommand({(service / "ExampleService").string(), "-idx", "0", "-bad"});
+    EXPECT_EQ(r.exitCode, 2) << r.err;  // it loads its libraries from the installed tree
+
+    quilltest::privateBusAddress();
+    ASSERT_TRUE(fs::is_regular_file(corvane / "Resources/corvaned"));
+    r = runCommand({tool, "daemon", "start"});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("corvaned: running, PID ", 0), 0u) << r.out;
+    r = runCommand({tool, "daemon", "status"});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("corvaned: running, version 2, PID ", 0), 0u) << r.out;
+    r = runCommand({tool, "daemon", "ping"});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("corvaned answered: corvaned running, PID ", 0), 0u) << r.out;
+    r = runCommand({tool, "daemon", "stop"});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, "corvaned: stopped\n");
+    // Whatever failed above, no daemon is left behind.
+    quill::CServicePIDFile pids(PLString::create("corvaned").get());
+    std::vector<std::int32_t> left;
+    pids.get(left);
+    for (const std::int32_t pid : left) EXPECT_FALSE(quilltest::endProcess(pid)) << "corvaned " << pid << " was left";
+    EXPECT_EQ(runCommand({tool, "daemon", "status"}).out.rfind("corvaned: not running\n", 0), 0u);
 }
 
 using QuillctlFrameworks = quilltest::QuillctlTest;

@@ -1,5 +1,6 @@
 // quillctl services list | show: the service cache of the current user (the
 // "corvaneservices" section of the shared configuration file under HOME).
+// The verbs that change services are in ServiceControlCommands.cpp.
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -134,8 +135,7 @@ int show(const std::string& kind) {
 }
 
 void addServiceCommands(CLI::App& app) {
-    CLI::App* services = app.add_subcommand("services", "Show the service cache under HOME");
-    services->require_subcommand(1);
+    CLI::App* services = commandGroup(app, "services", "Install, control and show the services of HOME");
 
     CLI::App* listCmd = services->add_subcommand("list", "One line per installed service");
     listCmd->footer(

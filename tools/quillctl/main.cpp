@@ -52,7 +52,9 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        // --help and --version end well; every other parse error is a usage
+        // error, whatever CLI11's own code for it.
+        return app.exit(e) == 0 ? 0 : 2;
     }
 
     // The deepest selected subcommand carries the action.

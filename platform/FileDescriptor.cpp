@@ -1,7 +1,6 @@
-#include <quillcore/platform/FileDescriptor.h>
-
 #include <unistd.h>
 
+#include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/Host.h>
 
 namespace quill::platform {

@@ -6,9 +6,7 @@ namespace {
 
 bool isOctal(char c) noexcept { return c >= '0' && c <= '7'; }
 
-bool needsEscape(unsigned char c) noexcept {
-    return c <= 0x20 || c == 0x7f || c == '"' || c == '\\' || c == '#';
-}
+bool needsEscape(unsigned char c) noexcept { return c <= 0x20 || c == 0x7f || c == '"' || c == '\\' || c == '#'; }
 
 // The byte of the escape at `at` (a backslash), or -1 when none starts there.
 int escapedByte(std::string_view text, std::size_t at) noexcept {

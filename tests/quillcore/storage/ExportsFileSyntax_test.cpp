@@ -1,8 +1,8 @@
+#include "quillcore/storage/ExportsFileSyntax.h"
+
 #include <string>
 
 #include <gtest/gtest.h>
-
-#include "quillcore/storage/ExportsFileSyntax.h"
 
 namespace {
 

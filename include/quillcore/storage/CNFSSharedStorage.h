@@ -7,18 +7,13 @@
 #pragma once
 
 #include <quillcore/export.h>
+#include <quillcore/storage/CDNSharedStorageServer.h>
 #include <quillcore/storage/CNFSSharedStoragePublisher.h>
 #include <quillcore/storage/CNFSSharedStorageSubscriber.h>
 #include <quillcore/storage/ISharedStorage.h>
 
-namespace quill::platform {
-class CNotificationCenter;
-}  // namespace quill::platform
-
 namespace quill {
 
-class CDNSharedStorageServer;
-class CDNSharedStorageClient;
 using CDNSharedStorageServerRef = ferrocore::CSharedObjectRef<CDNSharedStorageServer>;
 
 // How servers and clients talk: 0, the notification centre, is the only one.

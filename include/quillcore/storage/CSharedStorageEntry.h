@@ -83,7 +83,7 @@ public:
 
     ferrocore::CStringRef path() const { return _path; }
     std::string pathFileSystemRep() const { return _path ? _path->fileSystemRepresentation() : std::string(); }
-    // Never filled: always an empty dictionary.
+    // Never filled: always none (null).
     PLDictionaryRef nodeHosts() const noexcept { return _nodeHosts.get(); }
     void addNodeHosts(PLDictionaryRef hosts);
 

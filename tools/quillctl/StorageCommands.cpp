@@ -16,12 +16,13 @@
 // reply (--timeout seconds, 60 by default). PID is the process that holds the
 // reference (default: this quillctl process). MOUNTPOINT defaults to the
 // cluster's mount point for the client name.
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
-#include <sys/signalfd.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "Commands.h"
@@ -174,19 +175,29 @@ int terminatedVerb(long pid) {
     return 0;
 }
 
+int stopPipe[2] = {-1, -1};
+
+void requestStop(int) {
+    const int saved = errno;
+    [[maybe_unused]] const auto written = ::write(stopPipe[1], "x", 1);
+    errno = saved;
+}
+
 int serveVerb(bool cleanExports) {
-    // SIGTERM and Ctrl-C end the server between two requests. They are
-    // blocked before the bus thread exists, so that it inherits the mask.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    const int signalFd = signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (signalFd < 0) {
+    // SIGTERM and Ctrl-C end the server between two requests. A handler that
+    // writes to a pipe, not blocked signals and a signalfd: the mount
+    // commands the server starts would inherit a blocked mask and could then
+    // not be stopped when they hang.
+    if (::pipe2(stopPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         printError("can't watch for SIGTERM");
         return 1;
     }
+    struct sigaction action {};
+    action.sa_handler = requestStop;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
     auto publisher = ferrocore::makeShared<quill::CNFSSharedStoragePublisher>();
     if (cleanExports) publisher->cleanExports();
     auto subscriber = ferrocore::makeShared<quill::CNFSSharedStorageSubscriber>();
@@ -194,7 +205,7 @@ int serveVerb(bool cleanExports) {
 
     CRunLoop& loop = CRunLoop::current();
     bool done = false;
-    auto stopSource = loop.addFileDescriptorSource(signalFd, CRunLoop::kReadable, [&](int, unsigned) {
+    auto stopSource = loop.addFileDescriptorSource(stopPipe[0], CRunLoop::kReadable, [&](int, unsigned) {
         done = true;
         loop.stop();
     });
@@ -205,7 +216,6 @@ int serveVerb(bool cleanExports) {
     server->unregisterForNotifications();
     quill::platform::notificationCenter().flush(2.0);
     stopSource.remove();
-    close(signalFd);
     return 0;
 }
 

@@ -16,8 +16,10 @@
 #include "support/StorageFixtures.h"
 #include "support/TestSupport.h"
 #include "tools/QuillctlTest.h"
+#include <ferrocore/CURL.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/platform/NotificationCenter.h>
+#include <quillcore/storage/CSharedStorageUtils.h>
 #include <quillcore/storage/StorageProtocol.h>
 
 namespace {
@@ -172,6 +174,49 @@ TEST_F(QuillctlStorage, ReferencesOfKilledProcessesFollowTheCountingRules) {
     }
     EXPECT_EQ(exportsFile(), "/foreign/line 10.0.0.0/8(ro)\n");
     EXPECT_TRUE(storage({"list", "--timeout", "10"}).out.empty());
+}
+
+TEST_F(QuillctlStorage, SubExportsLinkPublishAndTidyUp) {
+    const auto dirPath = std::filesystem::canonical(_dir.path()) / "media";
+    std::filesystem::create_directory(dirPath);
+    quilltest::writeFile(dirPath / "clip.mov", "frames");
+    const std::string sub = (dirPath / ".cvsubexp").string();
+
+    // Through the verbs: the link, its URL with the server's port, and back.
+    const auto begun = storage({"subexport", (dirPath / "clip.mov").string()});
+    ASSERT_EQ(begun.exitCode, 0) << begun.err;
+    EXPECT_EQ(begun.out, "file://" + sub + "/clip.mov?port=-1\n");
+    EXPECT_TRUE(std::filesystem::exists(sub + "/clip.mov"));
+    EXPECT_FALSE(std::filesystem::exists(dirPath / ".cvlock"));  // unlinked at once
+    EXPECT_THAT(exportsFile(), HasSubstr(line(sub)));
+    ASSERT_EQ(storage({"unsubexport", begun.out.substr(0, begun.out.size() - 1)}).exitCode, 0);
+    EXPECT_FALSE(std::filesystem::exists(sub));
+    EXPECT_EQ(exportsFile(), "/foreign/line 10.0.0.0/8(ro)\n");
+
+    // In this process: the same file twice gets a second name, once.
+    const auto file = ferrocore::CURL::createWithPath((dirPath / "clip.mov").string(), false);
+    const auto first = quill::CSharedStorageUtils::beginSubexport(file);
+    const auto second = quill::CSharedStorageUtils::beginSubexport(file);
+    EXPECT_EQ(first->text(), "file://" + sub + "/clip.mov?port=-1");
+    const std::string secondPath = second->fileSystemPath()->utf8();
+    EXPECT_THAT(secondPath, testing::MatchesRegex(".*/\\.cvsubexp/clip[A-Za-z0-9]{6}\\.mov"));
+    EXPECT_EQ(quilltest::readFile(secondPath), "frames");
+    EXPECT_EQ(quilltest::consoleLinesWith("link() failed: file " + sub +
+                                          "/clip.mov already exists, trying to link again as " + secondPath + ".")
+                  .size(),
+              1u);
+
+    // The "._" companion is named from the URL's text form, so a companion
+    // file beside the link stays; and so does the directory that holds it.
+    quilltest::writeFile(sub + "/._clip.mov", "resource");
+    quill::CSharedStorageUtils::endSubexport(first, false);
+    EXPECT_FALSE(std::filesystem::exists(sub + "/clip.mov"));
+    EXPECT_TRUE(std::filesystem::exists(sub + "/._clip.mov"));
+    EXPECT_TRUE(std::filesystem::exists(secondPath));  // another link remains: the directory stays
+    EXPECT_THAT(exportsFile(), HasSubstr(line(sub)));
+    quill::CSharedStorageUtils::endSubexport(second, false);
+    EXPECT_TRUE(std::filesystem::exists(sub + "/._clip.mov"));
+    EXPECT_EQ(exportsFile(), "/foreign/line 10.0.0.0/8(ro)\n");
 }
 
 // Raw requests posted from this process, the way any program on the bus can.

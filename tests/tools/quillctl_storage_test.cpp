@@ -117,12 +117,24 @@ TEST_F(QuillctlStorage, AHungMountDelaysButNeverBlocksLaterRequests) {
     auto hung = startClient({"subscribe", "fileserver:/hang", dir("m1"), "--timeout", "30"});
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     auto later = startClient({"publish", dir("later"), "--timeout", "30"});
+    // A client killed while its request waits behind the hung mount: the
+    // request is still carried out, its reply goes to nobody.
+    auto killed = startClient({"subscribe", "fileserver:/gone", dir("m2"), "--client", "K", "--timeout", "30"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ::kill(killed->pid(), SIGKILL);
+    EXPECT_EQ(killed->wait(10.0), 128 + SIGKILL);
     EXPECT_EQ(hung->wait(40.0), 1);
     EXPECT_THAT(hung->output(), HasSubstr("command [" + _stand.mountPath() + " fileserver:/hang] timed out"));
     EXPECT_EQ(later->wait(40.0), 0) << later->output();
     EXPECT_THAT(exportsFile(), HasSubstr(line(dir("later"))));
-    EXPECT_TRUE(_stand.mounted().empty());
+    const auto listed = storage({"list", "--timeout", "10"});
+    EXPECT_THAT(listed.out, HasSubstr("subscribed\t" + dir("m2") + "\tnfs://fileserver/gone\t1\tK=[" +
+                                      std::to_string(killed->pid()) + "]"));
+    EXPECT_EQ(_stand.mounted(), std::vector<std::string>{dir("m2")});
+    // The host reports the killed client's end: its mount goes.
+    EXPECT_EQ(storage({"terminated", std::to_string(killed->pid())}).exitCode, 0);
     EXPECT_EQ(storage({"port", "--timeout", "10"}).exitCode, 0);
+    EXPECT_TRUE(_stand.mounted().empty());
 }
 
 TEST_F(QuillctlStorage, ReferencesOfKilledProcessesFollowTheCountingRules) {

@@ -42,6 +42,8 @@ const char* const* CHostWrapper::processEnvironment() { return _target->processE
 std::string CHostWrapper::homeDirectory() { return _target->homeDirectory(); }
 std::string CHostWrapper::temporaryDirectory() { return _target->temporaryDirectory(); }
 std::string CHostWrapper::systemPath(SystemPath which) { return _target->systemPath(which); }
+double CHostWrapper::commandTimeLimit(double standardSeconds) { return _target->commandTimeLimit(standardSeconds); }
+std::string CHostWrapper::exportOptions() { return _target->exportOptions(); }
 void CHostWrapper::logToConsole(std::string_view text) { _target->logToConsole(text); }
 std::error_code CHostWrapper::getOpenFilesLimit(CResourceLimit& limit) { return _target->getOpenFilesLimit(limit); }
 std::error_code CHostWrapper::setOpenFilesLimit(const CResourceLimit& limit) {
@@ -61,6 +63,24 @@ std::error_code CHostWrapper::writeFileAt(int fd, std::uint64_t offset, const vo
 }
 std::error_code CHostWrapper::truncateFile(int fd, std::uint64_t length) { return _target->truncateFile(fd, length); }
 std::error_code CHostWrapper::fileSystemStatus(const std::string& path) { return _target->fileSystemStatus(path); }
+std::error_code CHostWrapper::fileSystemFacts(const std::string& path, CFileSystemFacts& facts) {
+    return _target->fileSystemFacts(path, facts);
+}
+std::error_code CHostWrapper::mountedFileSystems(std::vector<CMountedFileSystem>& mounts) {
+    return _target->mountedFileSystems(mounts);
+}
+std::error_code CHostWrapper::checkAccess(const std::string& path, bool read, bool write) {
+    return _target->checkAccess(path, read, write);
+}
+std::error_code CHostWrapper::resolvePath(const std::string& path, std::string& resolved) {
+    return _target->resolvePath(path, resolved);
+}
+std::error_code CHostWrapper::linkFile(const std::string& from, const std::string& to) {
+    return _target->linkFile(from, to);
+}
+std::error_code CHostWrapper::makeUniqueName(std::string& pathTemplate) {
+    return _target->makeUniqueName(pathTemplate);
+}
 std::error_code CHostWrapper::fileMode(const std::string& path, std::uint32_t& mode) {
     return _target->fileMode(path, mode);
 }

@@ -38,7 +38,7 @@ SUBSYSTEM_USES = {
     # of the library, beside the constants of control/ at its bottom.
     TOP_OF_CONTROL: {"servicemanager", "logging", "process", "plist", "util", "control"},
     "servicemanager": {"plist", "process", "control", "util"},
-    "storage": {"control", "process", "util", "logging"},
+    "storage": {"control", "process", "util"},
     "logging": {"plist", "control", "util"},
     "process": {"control", "util"},
     "plist": {"control", "util"},

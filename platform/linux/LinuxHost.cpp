@@ -29,15 +29,19 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
+#include <linux/magic.h>
+#include <mntent.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/file.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/vfs.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -66,6 +70,37 @@ std::string environment(const char* name) {
     const char* value = secure_getenv(name);
     return value ? std::string(value) : std::string();
 }
+
+// Names of the file-system types that QuillCore asks about or that a host
+// commonly has, by the magic number statfs reports; the mount table's names.
+struct FileSystemType {
+    unsigned long magic;
+    const char* name;
+    bool remote;
+};
+
+constexpr FileSystemType kFileSystemTypes[] = {
+    {EXT4_SUPER_MAGIC, "ext4", false},  // ext2 and ext3 share it
+    {0x2011BAB0UL, "exfat", false},
+    {0x4D44UL, "vfat", false},
+    {0x5346544EUL, "ntfs", false},
+    {0x58465342UL, "xfs", false},
+    {BTRFS_SUPER_MAGIC, "btrfs", false},
+    {TMPFS_MAGIC, "tmpfs", false},
+    {OVERLAYFS_SUPER_MAGIC, "overlay", false},
+    {SQUASHFS_MAGIC, "squashfs", false},
+    {0x9660UL, "iso9660", false},
+    {PROC_SUPER_MAGIC, "proc", false},
+    {SYSFS_MAGIC, "sysfs", false},
+    {NFS_SUPER_MAGIC, "nfs", true},
+    {SMB_SUPER_MAGIC, "smbfs", true},
+    {0xFF534D42UL, "cifs", true},
+    {0xFE534D42UL, "smb2", true},
+    {0x01021997UL, "9p", true},
+    {0x65735546UL, "fuse", true},
+    {0x00C36400UL, "ceph", true},
+    {AFS_SUPER_MAGIC, "afs", true},
+};
 
 std::string nodeName() {
     char name[256] = {};
@@ -273,6 +308,20 @@ public:
         return overridden.empty() ? std::string(fixed) : overridden;
     }
 
+    double commandTimeLimit(double standardSeconds) override {
+        const std::string text = environment(kCommandTimeLimitVariable);
+        if (text.empty()) return standardSeconds;
+        char* end = nullptr;
+        const double value = std::strtod(text.c_str(), &end);
+        if (end == text.c_str() || *end != '\0' || !(value > 0.0) || !(value < standardSeconds)) return standardSeconds;
+        return value;
+    }
+
+    std::string exportOptions() override {
+        std::string options = environment(kExportOptionsVariable);
+        return options.empty() ? std::string(kExportOptions) : options;
+    }
+
     void logToConsole(std::string_view text) override {
         while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
         std::string file = environment(kConsoleLogVariable);
@@ -399,6 +448,82 @@ public:
         struct statfs status {};
         if (::statfs(path.c_str(), &status) != 0) return posixError(errno);
         return {};
+    }
+
+    std::error_code fileSystemFacts(const std::string& path, CFileSystemFacts& facts) override {
+        struct statfs status {};
+        if (::statfs(path.c_str(), &status) != 0) return posixError(errno);
+        const auto magic = static_cast<unsigned long>(status.f_type) & 0xFFFFFFFFUL;
+        CFileSystemFacts found;
+        found.readOnly = (status.f_flags & ST_RDONLY) != 0;
+        char hex[16];
+        std::snprintf(hex, sizeof hex, "0x%08lx", magic);
+        found.typeName = hex;
+        for (const FileSystemType& type : kFileSystemTypes) {
+            if (type.magic == magic) {
+                found.typeName = type.name;
+                found.local = !type.remote;
+                break;
+            }
+        }
+        facts = std::move(found);
+        return {};
+    }
+
+    std::error_code mountedFileSystems(std::vector<CMountedFileSystem>& mounts) override {
+        // /proc/self/mounts is the kernel's own table: reading it never waits
+        // for a file system, whatever state its server is in.
+        std::FILE* table = ::setmntent("/proc/self/mounts", "re");
+        if (!table) return posixError(errno);
+        std::vector<CMountedFileSystem> found;
+        struct mntent entry {};
+        char buffer[8192];
+        while (::getmntent_r(table, &entry, buffer, sizeof buffer)) {
+            found.push_back({entry.mnt_fsname, entry.mnt_dir, entry.mnt_type});
+        }
+        ::endmntent(table);
+        mounts = std::move(found);
+        return {};
+    }
+
+    std::error_code checkAccess(const std::string& path, bool read, bool write) override {
+        const int mode = (read ? R_OK : 0) | (write ? W_OK : 0);
+        if (::access(path.c_str(), mode == 0 ? F_OK : mode) != 0) return posixError(errno);
+        return {};
+    }
+
+    std::error_code resolvePath(const std::string& path, std::string& resolved) override {
+        char* result = ::realpath(path.c_str(), nullptr);
+        if (!result) return posixError(errno);
+        resolved = result;
+        std::free(result);
+        return {};
+    }
+
+    std::error_code linkFile(const std::string& from, const std::string& to) override {
+        if (::link(from.c_str(), to.c_str()) != 0) return posixError(errno);
+        return {};
+    }
+
+    std::error_code makeUniqueName(std::string& pathTemplate) override {
+        constexpr std::string_view kXs = "XXXXXX";
+        if (pathTemplate.size() < kXs.size() || pathTemplate.compare(pathTemplate.size() - 6, 6, kXs) != 0)
+            return posixError(EINVAL);
+        static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+        std::string candidate = pathTemplate;
+        for (int attempt = 0; attempt < 1000; ++attempt) {
+            unsigned char random[6];
+            if (::getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) return posixError(errno);
+            for (std::size_t i = 0; i < 6; ++i)
+                candidate[candidate.size() - 6 + i] = kLetters[random[i] % (sizeof kLetters - 1)];
+            struct stat status {};
+            if (::lstat(candidate.c_str(), &status) != 0) {
+                if (errno != ENOENT) return posixError(errno);
+                pathTemplate = std::move(candidate);
+                return {};
+            }
+        }
+        return posixError(EEXIST);
     }
 
     std::error_code fileMode(const std::string& path, std::uint32_t& mode) override {

@@ -1,9 +1,12 @@
 #include <cerrno>
 #include <cmath>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -24,6 +27,7 @@ using quill::platform::CScopedHost;
 using quill::platform::defaultHost;
 using quill::platform::FileLock;
 using quill::platform::host;
+using quill::platform::IHost;
 using quill::platform::SystemPath;
 using quilltest::CFixedClockHost;
 using quilltest::ScopedEnv;
@@ -230,6 +234,81 @@ TEST(LinuxHostFacts, TheEnvironmentIsHandedOnWhole) {
     for (const char* const* entry = host().processEnvironment(); *entry; ++entry)
         found = found || std::string(*entry) == "QUILL_TEST_MARKER=a b=c";
     EXPECT_TRUE(found);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(LinuxHostStorageCalls, VolumeFactsMountTableAccessRealpathLinksAndUniqueNames) {
+    quilltest::TempDir dir("hoststore");
+    IHost& real = defaultHost();
+
+    quill::platform::CFileSystemFacts facts;
+    ASSERT_FALSE(real.fileSystemFacts(dir.str(), facts));
+    EXPECT_FALSE(facts.typeName.empty());
+    EXPECT_FALSE(facts.readOnly);
+    facts.typeName = "kept";
+    EXPECT_EQ(real.fileSystemFacts(dir.str() + "/missing", facts), std::errc::no_such_file_or_directory);
+    EXPECT_EQ(facts.typeName, "kept");
+    ASSERT_FALSE(real.fileSystemFacts("/proc", facts));
+    EXPECT_EQ(facts.typeName, "proc");
+
+    std::vector<quill::platform::CMountedFileSystem> mounts;
+    ASSERT_FALSE(real.mountedFileSystems(mounts));
+    bool sawRoot = false;
+    for (const auto& mount : mounts) sawRoot |= mount.mountPoint == "/";
+    EXPECT_TRUE(sawRoot);
+
+    const std::string file = dir.str() + "/a file";
+    quilltest::writeFile(file, "x");
+    EXPECT_FALSE(real.checkAccess(file, true, true));
+    ::chmod(file.c_str(), 0400);
+    if (::geteuid() != 0) {
+        EXPECT_EQ(real.checkAccess(file, false, true), std::errc::permission_denied);
+    }
+    EXPECT_EQ(real.checkAccess(file + "x", true, false), std::errc::no_such_file_or_directory);
+
+    std::string resolved;
+    ASSERT_FALSE(real.resolvePath(dir.str() + "/./../" + dir.path().filename().string() + "/a file", resolved));
+    std::string expected;
+    ASSERT_FALSE(real.resolvePath(dir.str(), expected));
+    EXPECT_EQ(resolved, expected + "/a file");
+    EXPECT_TRUE(real.resolvePath(dir.str() + "/nothing/here", resolved));
+
+    EXPECT_FALSE(real.linkFile(file, dir.str() + "/link"));
+    EXPECT_EQ(real.linkFile(file, dir.str() + "/link"), std::errc::file_exists);
+    struct stat status {};
+    ASSERT_EQ(::stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_nlink, 2u);
+
+    std::string name = dir.str() + "/linkXXXXXX";
+    ASSERT_FALSE(real.makeUniqueName(name));
+    EXPECT_EQ(name.size(), dir.str().size() + 11);
+    EXPECT_NE(name, dir.str() + "/linkXXXXXX");
+    EXPECT_FALSE(std::filesystem::exists(name));
+    std::string bad = dir.str() + "/linkXXXXX";
+    EXPECT_EQ(real.makeUniqueName(bad), std::errc::invalid_argument);
+    EXPECT_EQ(bad, dir.str() + "/linkXXXXX");
+}
+
+TEST(LinuxHostStorageCalls, CommandTimeLimitIsOnlyShortenedAndExportOptionsHaveADefault) {
+    IHost& real = defaultHost();
+    {
+        ScopedEnv unset(quill::platform::kCommandTimeLimitVariable, std::nullopt);
+        EXPECT_EQ(real.commandTimeLimit(55.0), 55.0);
+    }
+    for (const auto& [text, expected] : std::vector<std::pair<std::string, double>>{
+             {"2.5", 2.5}, {"100", 55.0}, {"0", 55.0}, {"-1", 55.0}, {"abc", 55.0}, {"3s", 55.0}}) {
+        ScopedEnv set(quill::platform::kCommandTimeLimitVariable, text);
+        EXPECT_EQ(real.commandTimeLimit(55.0), expected) << text;
+    }
+    {
+        ScopedEnv unset(quill::platform::kExportOptionsVariable, std::nullopt);
+        EXPECT_EQ(real.exportOptions(), quill::platform::kExportOptions);
+    }
+    ScopedEnv set(quill::platform::kExportOptionsVariable, "10.0.0.0/8(rw)");
+    EXPECT_EQ(real.exportOptions(), "10.0.0.0/8(rw)");
 }
 
 }  // namespace

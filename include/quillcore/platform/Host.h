@@ -79,6 +79,33 @@ inline constexpr const char* kSbinUmountPath = "/sbin/umount";
 inline constexpr const char* kExportsFilePath = "/etc/exports";
 inline constexpr const char* kExportsFilePathVariable = "QUILL_EXPORTS_FILE";
 
+// The longest a mount or unmount command may run, in seconds, on a host that
+// does not say otherwise; an environment variable (read with secure_getenv)
+// may shorten it, never lengthen it, so that tests need not wait that long.
+inline constexpr const char* kCommandTimeLimitVariable = "QUILL_COMMAND_TIME_LIMIT";
+// The text after the path on a line of the NFS exports file that QuillCore
+// writes (exports(5)): every host may read and write. An environment variable
+// (secure_getenv) replaces it; docs/storage.md describes the choice.
+inline constexpr const char* kExportOptions = "*(rw,insecure,no_subtree_check)";
+inline constexpr const char* kExportOptionsVariable = "QUILL_EXPORT_OPTIONS";
+
+// What the volume statistics of a path tell (statfs).
+struct CFileSystemFacts {
+    // The file system's type name as the mount table gives it ("ext4",
+    // "nfs", "exfat", "tmpfs"); the kernel's magic number in hexadecimal
+    // ("0x1234abcd") for a type the host does not know by name.
+    std::string typeName;
+    bool readOnly = false;  // mounted read-only
+    bool local = true;      // not a network file system
+};
+
+// One entry of the table of mounted file systems.
+struct CMountedFileSystem {
+    std::string source;      // what is mounted ("host:/path", "/dev/sda1")
+    std::string mountPoint;  // where, decoded
+    std::string type;        // the file-system type name
+};
+
 // When this environment variable names a file, console entries are appended to
 // that file instead of going to the system log (read with secure_getenv).
 inline constexpr const char* kConsoleLogVariable = "QUILL_CONSOLE_LOG";
@@ -191,6 +218,14 @@ public:
     // -------------------------------------------------- external commands
 
     virtual std::string systemPath(SystemPath which) = 0;
+    // The time limit for a mount or unmount command whose standard limit is
+    // `standardSeconds`: that, or less where the host is told so (the real
+    // host: kCommandTimeLimitVariable when it holds a smaller positive
+    // number).
+    virtual double commandTimeLimit(double standardSeconds) = 0;
+    // The text after the path on an exports line (the real host:
+    // kExportOptionsVariable when set and not empty, else kExportOptions).
+    virtual std::string exportOptions() = 0;
 
     // ------------------------------------------------------------ console
 
@@ -271,6 +306,28 @@ public:
     // Whether a status query of the file system that holds `path` (statfs)
     // succeeds: a test that `path` exists and can be reached, whatever it is.
     virtual std::error_code fileSystemStatus(const std::string& path) = 0;
+    // The same query, with what it tells about the file system; `facts` is
+    // left as it was on failure.
+    virtual std::error_code fileSystemFacts(const std::string& path, CFileSystemFacts& facts) = 0;
+    // The table of mounted file systems, read without waiting for any of
+    // them to answer; on failure `mounts` is left as it was.
+    virtual std::error_code mountedFileSystems(std::vector<CMountedFileSystem>& mounts) = 0;
+    // Whether the calling process may read (`read`) and write (`write`)
+    // `path` (access(2) with the real user's rights): success, or the
+    // system's error (EACCES when a right is missing, ENOENT, ...).
+    virtual std::error_code checkAccess(const std::string& path, bool read, bool write) = 0;
+    // `path` absolute, with every symbolic link, "." and ".." resolved
+    // (realpath); on failure `resolved` is left as it was.
+    virtual std::error_code resolvePath(const std::string& path, std::string& resolved) = 0;
+    // Makes `to` a new hard link to the file `from` (link(2)); an existing
+    // `to` fails with std::errc::file_exists.
+    virtual std::error_code linkFile(const std::string& from, const std::string& to) = 0;
+    // Replaces the trailing "XXXXXX" of `pathTemplate` by characters that
+    // make the name of no existing entry at that moment (mktemp: nothing is
+    // created, so the name may be taken before the caller uses it). EINVAL
+    // when the template does not end in six "X"; `pathTemplate` is then left
+    // as it was.
+    virtual std::error_code makeUniqueName(std::string& pathTemplate) = 0;
     // The whole mode word of `path` (stat's st_mode: type and permission
     // bits), following symbolic links.
     virtual std::error_code fileMode(const std::string& path, std::uint32_t& mode) = 0;
@@ -333,6 +390,8 @@ public:
     std::string homeDirectory() override;
     std::string temporaryDirectory() override;
     std::string systemPath(SystemPath which) override;
+    double commandTimeLimit(double standardSeconds) override;
+    std::string exportOptions() override;
     void logToConsole(std::string_view text) override;
     std::error_code getOpenFilesLimit(CResourceLimit& limit) override;
     std::error_code setOpenFilesLimit(const CResourceLimit& limit) override;
@@ -350,6 +409,12 @@ public:
     std::error_code writeFile(int fd, const void* data, std::size_t size, std::size_t& written) override;
     std::error_code duplicateDescriptor(int from, int to) override;
     std::error_code fileSystemStatus(const std::string& path) override;
+    std::error_code fileSystemFacts(const std::string& path, CFileSystemFacts& facts) override;
+    std::error_code mountedFileSystems(std::vector<CMountedFileSystem>& mounts) override;
+    std::error_code checkAccess(const std::string& path, bool read, bool write) override;
+    std::error_code resolvePath(const std::string& path, std::string& resolved) override;
+    std::error_code linkFile(const std::string& from, const std::string& to) override;
+    std::error_code makeUniqueName(std::string& pathTemplate) override;
     std::error_code fileMode(const std::string& path, std::uint32_t& mode) override;
     std::error_code fileStatus(const std::string& path, CFileStatus& status) override;
     std::error_code setFileMode(const std::string& path, std::uint32_t mode) override;

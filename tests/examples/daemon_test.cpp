@@ -1,16 +1,14 @@
 // The reference daemon: its engine driven in-process (its PID record, the
 // answers to pings, restart requests and the services it runs), and the
 // program as startDaemon launches it from a framework tree.
-#include <algorithm>
-#include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "corvaned/DaemonEngine.h"
@@ -18,6 +16,7 @@
 #include "support/ExamplePrograms.h"
 #include "support/FrameworkTree.h"
 #include "support/NotificationBus.h"
+#include "support/ServiceFixtures.h"
 #include <ferrocore/CException.h>
 #include <quillcore/control/QuillConfig.h>
 #include <quillcore/control/QuillCorePrivate.h>
@@ -64,37 +63,8 @@ void record(std::int32_t pid, const std::string& version) {
 
 using Collector = quilltest::NotificationCollector;
 
-// A process named "corvaned" that is not the daemon: sleep, executed through
-// a link of that name. The constructor returns once the exec has happened
-// (the end of a pipe that the exec closes), so the name is in place.
-class ImpostorDaemon {
-public:
-    explicit ImpostorDaemon(const fs::path& dir) {
-        const fs::path link = dir / "corvaned";
-        fs::create_symlink("/bin/sleep", link);
-        int exec[2];
-        EXPECT_EQ(pipe2(exec, O_CLOEXEC), 0);
-        _pid = fork();
-        if (_pid == 0) {
-            execl(link.c_str(), "corvaned", "60", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(exec[1]);
-        char byte;
-        while (read(exec[0], &byte, 1) < 0 && errno == EINTR) {}
-        close(exec[0]);
-    }
-    ~ImpostorDaemon() {
-        kill(_pid, SIGKILL);
-        waitpid(_pid, nullptr, 0);
-    }
-    ImpostorDaemon(const ImpostorDaemon&) = delete;
-    ImpostorDaemon& operator=(const ImpostorDaemon&) = delete;
-    pid_t pid() const { return _pid; }
-
-private:
-    pid_t _pid = -1;
-};
+// A process named "corvaned" that is not the daemon.
+using ImpostorDaemon = quilltest::NamedProcess;
 
 class DaemonEngineTest : public testing::Test {
 protected:
@@ -137,7 +107,7 @@ TEST_F(DaemonEngineTest, RecordsItselfAnswersPingsAndRemovesItsRecord) {
 }
 
 TEST_F(DaemonEngineTest, RefusesToRunBesideALiveDaemonOfThisVersionOnly) {
-    ImpostorDaemon other(_dir.path());
+    ImpostorDaemon other(_dir.path(), "corvaned");
     record(other.pid(), "1");
     {
         CDaemonEngine engine(_logger);
@@ -208,11 +178,7 @@ TEST_F(DaemonEngineTest, RunsTheDaemonRunServicesThatPreferenceChangesEnable) {
     const std::vector<std::int32_t> pids = engine.serviceProcessIDs(daemonRun);
     ASSERT_EQ(pids.size(), 2u);
     EXPECT_EQ(engine.runningServices(), std::vector<std::string>{daemonRun});  // the managed one is left alone
-    std::vector<std::int32_t> recorded = recordedPIDs(daemonRun);
-    std::sort(recorded.begin(), recorded.end());
-    std::vector<std::int32_t> sorted = pids;
-    std::sort(sorted.begin(), sorted.end());
-    EXPECT_EQ(recorded, sorted);
+    EXPECT_THAT(recordedPIDs(daemonRun), testing::UnorderedElementsAreArray(pids));
 
     // An instance that dies is forgotten; the other runs on.
     ASSERT_EQ(kill(pids[1], SIGKILL), 0);
@@ -287,20 +253,15 @@ TEST_F(StartDaemonTest, ReturnsOnceTheDaemonHasRecordedItselfAndRestartsOrStopsO
 }
 
 TEST_F(StartDaemonTest, AnotherVersionsRecordIsNoDaemonOfOurs) {
-    ImpostorDaemon other(_dir.path());
+    ImpostorDaemon other(_dir.path(), "corvaned");
     _impostor = other.pid();
-    record(other.pid(), "1");
-    EXPECT_FALSE(isDaemonRunning());
-    EXPECT_TRUE(IsOtherVersionOfDaemonRunning());
-
+    record(other.pid(), "1");  // what that alone is taken for: DaemonDetection.ByNameRecordAndVersion
     startDaemon();
     EXPECT_TRUE(isDaemonRunning());
     const std::int32_t pid = daemonPID();
     ASSERT_GT(pid, 0);
     EXPECT_NE(pid, other.pid());
-    std::vector<std::int32_t> pids = recordedPIDs("corvaned");
-    std::sort(pids.begin(), pids.end());
-    EXPECT_EQ(pids, (std::vector<std::int32_t>{std::min(pid, other.pid()), std::max(pid, other.pid())}));
+    EXPECT_THAT(recordedPIDs("corvaned"), testing::UnorderedElementsAre(pid, other.pid()));
 
     EXPECT_TRUE(quilltest::endProcess(pid));  // SIGTERM ends it cleanly
     EXPECT_EQ(recordedPIDs("corvaned"), std::vector<std::int32_t>{other.pid()});

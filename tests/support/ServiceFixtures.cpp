@@ -1,12 +1,17 @@
 #include "support/ServiceFixtures.h"
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <fstream>
 #include <stdexcept>
 
+#include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <quillcore/platform/PLPropertyList.h>
+#include <quillcore/plist/CQuillConfigFile.h>
 
 namespace quilltest {
 
@@ -94,6 +99,44 @@ void removeTriggerFiles(const std::string& family, int count) {
         std::error_code ignored;
         std::filesystem::remove("/tmp/" + label + ".runwardagent." + user, ignored);
     }
+}
+
+void setCluster(const Cluster& cluster) {
+    quill::CQuillConfigFile config;
+    config.serverName = PLString::create(cluster.serverName);
+    config.serverPassword = PLString::create(cluster.password);
+    config.sharingEnabled = cluster.sharing;
+    config.requirePassword = cluster.requirePassword;
+    config.logToFile = cluster.logToFile;
+    config.flush();
+}
+
+void collectDelivery(PLNotificationCenterRef, void* observer, PLStringRef name, PLStringRef sender,
+                     PLDictionaryRef info) {
+    static_cast<std::vector<Delivery>*>(observer)->push_back(
+        {name->str(), PLHolder<const PLString>::retain(sender), PLHolder<const PLDictionary>::retain(info)});
+}
+
+NamedProcess::NamedProcess(const std::filesystem::path& dir, const std::string& name) {
+    const std::filesystem::path program = dir / name;
+    if (!std::filesystem::exists(program)) std::filesystem::copy_file("/bin/sleep", program);
+    int exec[2];
+    if (pipe2(exec, O_CLOEXEC) != 0) return;
+    _pid = fork();
+    if (_pid == 0) {
+        execl(program.c_str(), name.c_str(), "60", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(exec[1]);
+    char byte;  // end of file once the exec has closed the other end
+    while (read(exec[0], &byte, 1) < 0 && errno == EINTR) {}
+    close(exec[0]);
+}
+
+NamedProcess::~NamedProcess() {
+    if (_pid <= 0) return;
+    kill(_pid, SIGKILL);
+    waitpid(_pid, nullptr, 0);
 }
 
 }  // namespace quilltest

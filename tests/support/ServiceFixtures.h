@@ -8,7 +8,11 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 #include "support/TestSupport.h"
+#include <ferrocore/CException.h>
+#include <quillcore/platform/NotificationCenter.h>
 #include <quillcore/platform/PLObject.h>
 
 namespace quilltest {
@@ -50,5 +54,50 @@ PLHolder<const PLDictionary> serviceInfo(const std::string& kind, PLDictionaryRe
 
 // Removes the per-user trigger files of `family`'s first `count` labels.
 void removeTriggerFiles(const std::string& family, int count);
+
+// The message of the CException that `f` throws, or "(no exception)".
+template <class F>
+std::string failureOf(F&& f) {
+    try {
+        f();
+    } catch (const ferrocore::CException& e) {
+        return e.message();
+    }
+    return "(no exception)";
+}
+
+// The cluster settings that service argument vectors are built from.
+struct Cluster {
+    std::string serverName = "Render";
+    std::string password;
+    bool sharing = false;
+    bool requirePassword = false;
+    bool logToFile = false;
+};
+void setCluster(const Cluster& cluster);
+
+// A notification as delivered; collectDelivery appends to the
+// std::vector<Delivery> registered as the observer.
+struct Delivery {
+    std::string name;
+    PLHolder<const PLString> sender;
+    PLHolder<const PLDictionary> userInfo;
+};
+void collectDelivery(PLNotificationCenterRef, void* observer, PLStringRef name, PLStringRef sender,
+                     PLDictionaryRef info);
+
+// A copy of /bin/sleep running under the name `name` (copied into `dir`);
+// the constructor returns once the exec has happened, the destructor kills it.
+class NamedProcess {
+public:
+    NamedProcess(const std::filesystem::path& dir, const std::string& name);
+    ~NamedProcess();
+    NamedProcess(const NamedProcess&) = delete;
+    NamedProcess& operator=(const NamedProcess&) = delete;
+    pid_t pid() const { return _pid; }
+
+private:
+    pid_t _pid = -1;
+};
 
 }  // namespace quilltest

@@ -11,6 +11,7 @@
 #include "support/ConfigHome.h"
 #include "support/ExamplePrograms.h"
 #include "support/NotificationBus.h"
+#include "support/ServiceFixtures.h"
 #include "tools/QuillctlTest.h"
 #include <quillcore/plist/CServiceCacheFile.h>
 
@@ -31,11 +32,7 @@ protected:
         _bundle = _dir / "odd dir 'q' \"d\"\nline/-Example.bundle";
         quilltest::copyExampleBundle(_bundle, _kind);
     }
-    void TearDown() override {
-        // Trigger files are in the shared /tmp.
-        for (const std::string suffix : {"", "-2", "-3"})
-            fs::remove("/tmp/" + _family + suffix + ".runwardagent." + std::to_string(geteuid()));
-    }
+    void TearDown() override { quilltest::removeTriggerFiles(_family, 3); }  // in the shared /tmp
     std::string calls() const {
         const fs::path path = _standin.string() + ".calls";
         return fs::exists(path) ? readFile(path) : "";

@@ -6,10 +6,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/ConfigHome.h"
@@ -25,43 +23,12 @@
 #include <quillcore/plist/CServiceCacheFile.h>
 #include <quillcore/plist/CServicePIDFile.h>
 
-extern char** environ;
-
 namespace {
 
 using namespace quill::platform;
 namespace fs = std::filesystem;
 
 PLHolder<const PLString> str(const std::string& text) { return PLString::create(text); }
-
-// A running copy of /bin/sleep under the name `name`; ended when it goes.
-class LiveProcess {
-public:
-    LiveProcess(const fs::path& dir, const std::string& name) {
-        const fs::path program = dir / name;
-        if (!fs::exists(program)) fs::copy_file("/bin/sleep", program);
-        const std::string path = program.string();
-        char* const argv[] = {const_cast<char*>(path.c_str()), const_cast<char*>("60"), nullptr};
-        if (posix_spawn(&_pid, path.c_str(), nullptr, nullptr, argv, environ) != 0) _pid = -1;
-        // Until the exec, the child still carries the test's name.
-        for (int i = 0; i < 500 && _pid > 0; ++i) {
-            const auto current = ferrocore::ProcessUtilities::processNameForID(_pid);
-            if (current && current->utf8() == name) break;
-            usleep(2000);
-        }
-    }
-    ~LiveProcess() {
-        if (_pid <= 0) return;
-        kill(_pid, SIGKILL);
-        waitpid(_pid, nullptr, 0);
-    }
-    LiveProcess(const LiveProcess&) = delete;
-    LiveProcess& operator=(const LiveProcess&) = delete;
-    pid_t pid() const { return _pid; }
-
-private:
-    pid_t _pid = -1;
-};
 
 void record(pid_t pid, const char* version) {
     quill::CServicePIDFile file(str("corvaned").get());
@@ -101,13 +68,13 @@ TEST(DaemonDetection, ByNameRecordAndVersion) {
     EXPECT_FALSE(isDaemonRunning());
     EXPECT_FALSE(IsOtherVersionOfDaemonRunning());
 
-    LiveProcess daemon(dir.path(), "corvaned");
+    quilltest::NamedProcess daemon(dir.path(), "corvaned");
     ASSERT_GT(daemon.pid(), 0);
     EXPECT_FALSE(isDaemonRunning());
     EXPECT_TRUE(IsOtherVersionOfDaemonRunning());  // a daemon no record explains
 
     // A process of another name recorded with version 2 does not count.
-    LiveProcess other(dir.path(), "notdaemon");
+    quilltest::NamedProcess other(dir.path(), "notdaemon");
     record(other.pid(), "2");
     EXPECT_FALSE(isDaemonRunning());
     EXPECT_TRUE(IsOtherVersionOfDaemonRunning());
@@ -151,12 +118,7 @@ struct FakeInstall {
 };
 
 std::string startFailure() {
-    try {
-        startDaemon();
-    } catch (const ferrocore::CException& e) {
-        return e.message();
-    }
-    return "(started)";
+    return quilltest::failureOf([] { startDaemon(); });
 }
 
 TEST(StartDaemon, LaunchesDetachedAndWaitsForTheRecord) {
@@ -181,11 +143,11 @@ TEST(StartDaemon, LaunchesDetachedAndWaitsForTheRecord) {
         "while :; do sleep 1; done\n";
     quilltest::writeFile(install.tree.resourcesDir() / "corvaned", script);
     // A daemon of another version runs: a second one is started all the same.
-    LiveProcess older(install.dir.path(), "corvaned");
+    quilltest::NamedProcess older(install.dir.path(), "corvaned");
     record(older.pid(), "1");
     bool served = false;
     auto timer = CRunLoop::current().addTimer(0.05, 0, [&] { served = true; });
-    EXPECT_EQ(startFailure(), "(started)");
+    EXPECT_EQ(startFailure(), "(no exception)");
     install.endDaemon();
     EXPECT_TRUE(fs::exists(install.pidFile()));
     EXPECT_TRUE(served);  // the caller's run loop ran during the wait
@@ -217,24 +179,13 @@ TEST(StartDaemon, ADaemonThatNeverRecordsItselfTimesOut) {
     install.endDaemon();
 }
 
-struct Delivery {
-    std::string name;
-    PLHolder<const PLString> sender;
-    PLHolder<const PLDictionary> userInfo;
-};
-
-void collect(PLNotificationCenterRef, void* observer, PLStringRef name, PLStringRef sender, PLDictionaryRef info) {
-    static_cast<std::vector<Delivery>*>(observer)->push_back(
-        {name->str(), PLHolder<const PLString>::retain(sender), PLHolder<const PLDictionary>::retain(info)});
-}
-
 class DaemonRequests : public testing::Test {
 protected:
     quilltest::ConfigHome home;
     CNotificationCenter center{makeLoopbackNotificationTransport()};
     CScopedNotificationCenter installed{center};
-    std::vector<Delivery> inbox;
-    void SetUp() override { registerForNotification(&inbox, &collect, nullptr, nullptr); }
+    std::vector<quilltest::Delivery> inbox;
+    void SetUp() override { registerForNotification(&inbox, &quilltest::collectDelivery, nullptr, nullptr); }
     void TearDown() override { unregisterForNotifications(&inbox); }
     void settle() { CRunLoop::current().runFor(0.0); }
 };
@@ -288,14 +239,10 @@ TEST_F(DaemonRequests, LumenforgeServicesAndTheSecondSync) {
 
     quilltest::makeServiceBundle(resources, "LumenforgeTranscoder.bundle",
                                  quilltest::serviceInfo(tc, config.get()).get());
-    for (const std::string& kind : {jc, tc})
-        installService(
-            PLURL::createWithPath(
-                (resources / (kind == jc ? "LumenforgeJobController.bundle" : "LumenforgeTranscoder.bundle")).string(),
-                true)
-                .get());
+    for (const char* name : {"LumenforgeJobController.bundle", "LumenforgeTranscoder.bundle"})
+        installService(PLURL::createWithPath((resources / name).string(), true).get());
     enableService(str(tc).get());
-    LiveProcess daemon(install.dir.path(), "corvaned");
+    quilltest::NamedProcess daemon(install.dir.path(), "corvaned");
     record(daemon.pid(), "2");
     inbox.clear();
     startLumenforgeServices();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/ConfigHome.h"
+#include "support/ServiceFixtures.h"
 #include "support/TestSupport.h"
 #include <ferrocore/CException.h>
 #include <quillcore/servicemanager/CPListUpdater.h>
@@ -10,22 +11,13 @@
 namespace {
 
 using quill::CPListUpdater;
+using quilltest::failureOf;
 using quilltest::parsePlist;
 
 ferrocore::CStringRef cstr(const std::string& text) { return ferrocore::CString::create(text); }
 
 PLHolder<const PLDictionary> versioned(const std::string& version, const std::string& extra = {}) {
     return parsePlist("<dict><key>Version</key><string>" + version + "</string>" + extra + "</dict>");
-}
-
-template <class F>
-std::string failure(F&& f) {
-    try {
-        f();
-    } catch (const ferrocore::CException& e) {
-        return e.message();
-    }
-    return "(no exception)";
 }
 
 TEST(CPListUpdater, WritesOnlyNumericallyNewerVersions) {
@@ -64,32 +56,32 @@ TEST(CPListUpdater, MergeOverHeldDataReplacesItWhole) {
     const auto nested = parsePlist("<dict><key>K</key><dict><key>A</key><integer>1</integer></dict></dict>");
     empty.merge(nested.get());
     EXPECT_TRUE(PLEqual(empty.plistData(), nested.get()));
-    EXPECT_EQ(failure([&] { empty.merge(nullptr); }), "Error: plistData is null!");
+    EXPECT_EQ(failureOf([&] { empty.merge(nullptr); }), "Error: plistData is null!");
 }
 
 TEST(CPListUpdater, FailuresNameWhatFailed) {
     quilltest::TempDir dir;
     CPListUpdater missing(cstr((dir / "none.plist").string()));
     EXPECT_EQ(missing.plistData(), nullptr);
-    EXPECT_EQ(failure([&] { missing.flush(); }), "Error: _plistData is null!");
+    EXPECT_EQ(failureOf([&] { missing.flush(); }), "Error: _plistData is null!");
 
     CPListUpdater deep(cstr((dir / "a/b/job.plist").string()));
-    EXPECT_EQ(failure([&] { deep.makeParentDirIfNeeded(0755); }),
+    EXPECT_EQ(failureOf([&] { deep.makeParentDirIfNeeded(0755); }),
               "mkdir(" + (dir / "a/b").string() + ") failed, error = No such file or directory");
-    EXPECT_EQ(failure([] { CPListUpdater::writeFile(nullptr, nullptr); }), "Error: filePath is null!");
+    EXPECT_EQ(failureOf([] { CPListUpdater::writeFile(nullptr, nullptr); }), "Error: filePath is null!");
 
     // A data value that XML cannot carry is refused before the file is touched.
     quilltest::writeFile(dir / "keep.plist", "kept");
     auto bad = PLMutableDictionary::create();
     bad->set(PLString::create("K"), PLString::create(std::string("\x01", 1)));
-    EXPECT_EQ(failure([&] { CPListUpdater::writeFile(cstr((dir / "keep.plist").string()), bad.get()); }),
+    EXPECT_EQ(failureOf([&] { CPListUpdater::writeFile(cstr((dir / "keep.plist").string()), bad.get()); }),
               "Property list not valid xml format");
     EXPECT_EQ(quilltest::readFile(dir / "keep.plist"), "kept");
-    EXPECT_EQ(failure([&] {
+    EXPECT_EQ(failureOf([&] {
                   CPListUpdater::readFile(cstr((dir / "keep.plist").string()));
               }).rfind("Couldn't read property list from file " + (dir / "keep.plist").string() + ", error = ", 0),
               0u);
-    EXPECT_EQ(failure([&] { CPListUpdater::readFile(cstr((dir / "none.plist").string())); }),
+    EXPECT_EQ(failureOf([&] { CPListUpdater::readFile(cstr((dir / "none.plist").string())); }),
               "Couldn't open read stream from file " + (dir / "none.plist").string() + ", error = 2");
 }
 

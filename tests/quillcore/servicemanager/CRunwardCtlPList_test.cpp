@@ -14,6 +14,7 @@ namespace {
 
 using quill::CRunwardCtlPList;
 using quill::CServiceCacheEntry;
+using quilltest::failureOf;
 using quilltest::parsePlist;
 using quilltest::plistValue;
 
@@ -24,16 +25,6 @@ CServiceCacheEntry service(const std::string& kind, const std::string& hint = "r
     if (!hint.empty()) entry.setLaunchHint(PLString::create(hint).get());
     entry.setPath(PLString::create("/opt/svc/bin/service").get());
     return entry;
-}
-
-template <class F>
-std::string failure(F&& f) {
-    try {
-        f();
-    } catch (const ferrocore::CException& e) {
-        return e.message();
-    }
-    return "(no exception)";
 }
 
 TEST(CRunwardCtlPList, LabelsFilesAndTheirRefusals) {
@@ -50,15 +41,15 @@ TEST(CRunwardCtlPList, LabelsFilesAndTheirRefusals) {
     // The family is everything after the first colon, colons included.
     EXPECT_EQ(CRunwardCtlPList::labelForService(service("a:b:c d \"q\"\n"), 0)->utf8(), "b:c d \"q\"\n");
 
-    EXPECT_EQ(failure([] { CRunwardCtlPList::labelForService(service("nocolon"), 0); }),
+    EXPECT_EQ(failureOf([] { CRunwardCtlPList::labelForService(service("nocolon"), 0); }),
               "Can't find service family in service kind nocolon");
     // The hint is tested before the kind.
-    EXPECT_EQ(failure([] { CRunwardCtlPList::labelForService(service("nocolon", "runwardd.render"), 0); }),
+    EXPECT_EQ(failureOf([] { CRunwardCtlPList::labelForService(service("nocolon", "runwardd.render"), 0); }),
               "Unsupported service launch hint: runwardd.render");
-    EXPECT_EQ(failure([] { CRunwardCtlPList::labelForService(service("a:b", ""), 0); }),
+    EXPECT_EQ(failureOf([] { CRunwardCtlPList::labelForService(service("a:b", ""), 0); }),
               "Unsupported service launch hint: ");
     for (const char* hostile : {"role:../../etc/x", "role:-x", "role:", "role:.."})
-        EXPECT_EQ(failure([&] { CRunwardCtlPList::labelForService(service(hostile), 0); }),
+        EXPECT_EQ(failureOf([&] { CRunwardCtlPList::labelForService(service(hostile), 0); }),
                   std::string("Invalid service family in service kind ") + hostile);
 }
 
@@ -98,7 +89,7 @@ TEST(CRunwardCtlPList, JobOfAnInstance) {
 
 TEST(CRunwardCtlPList, KeepAliveEdits) {
     CRunwardCtlPList job(nullptr);
-    EXPECT_EQ(failure([&] { job.setRunAtLoad(false); }), "Error: plistDict.getObjectRef() is null!");
+    EXPECT_EQ(failureOf([&] { job.setRunAtLoad(false); }), "Error: plistDict.getObjectRef() is null!");
     job.setPListData(CRunwardCtlPList::plistDataForGenericService().get());
     EXPECT_FALSE(job.getRunAtLoad());
     // Intended asymmetry: clearing the flag removes "RunAtLoad" and keeps the
@@ -109,9 +100,9 @@ TEST(CRunwardCtlPList, KeepAliveEdits) {
     EXPECT_TRUE(PLEqual(cleared->get("KeepAlive"), parsePlist("<dict><key>SuccessfulExit</key><true/></dict>").get()));
     job.setRunAtLoad(true);
     EXPECT_TRUE(job.getRunAtLoad());
-    EXPECT_EQ(failure([&] { job.addKeepAlivePathState(cstr("/tmp/t"), true); }), "Invalid \"KeepAlive\" dictionary");
+    EXPECT_EQ(failureOf([&] { job.addKeepAlivePathState(cstr("/tmp/t"), true); }), "Invalid \"KeepAlive\" dictionary");
     job.setPListData(parsePlist("<dict><key>KeepAlive</key><dict><key>PathState</key><true/></dict></dict>").get());
-    EXPECT_EQ(failure([&] { job.addKeepAlivePathState(cstr("/tmp/t"), true); }), "Invalid \"PathState\" dictionary");
+    EXPECT_EQ(failureOf([&] { job.addKeepAlivePathState(cstr("/tmp/t"), true); }), "Invalid \"PathState\" dictionary");
     job.setPListData(parsePlist("<dict/>").get());
     job.addKeepAlivePathState(cstr("/tmp/a b"), false);
     EXPECT_TRUE(
@@ -128,11 +119,11 @@ TEST(CRunwardCtlPList, TriggerFilesAreMadeAndRemovedOnce) {
     EXPECT_TRUE(CRunwardCtlPList::removeTriggerFile(path));
     EXPECT_FALSE(CRunwardCtlPList::removeTriggerFile(path));
     const std::string missingDir = (dir / "none/trigger").string();
-    EXPECT_EQ(failure([&] { CRunwardCtlPList::addTriggerFile(cstr(missingDir)); }),
+    EXPECT_EQ(failureOf([&] { CRunwardCtlPList::addTriggerFile(cstr(missingDir)); }),
               "CRunwardCtlPList::addTriggerFile: failed to create trigger file " + missingDir +
                   ", error = No such file or directory");
     EXPECT_EQ(
-        failure([&] {
+        failureOf([&] {
             CRunwardCtlPList::removeTriggerFile(cstr(dir.str()));
         }).rfind("CRunwardCtlPList::removeTriggerFile: failed to remove trigger file " + dir.str() + ", error = ", 0),
         0u);

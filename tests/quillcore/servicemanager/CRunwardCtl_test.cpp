@@ -46,13 +46,8 @@ TEST(CRunwardCtl, LoadAndUnloadCommandLines) {
 
 TEST(CRunwardCtl, RefusalsComeBeforeAnyProcess) {
     quilltest::StandInRunwardCtl standIn;
-    const auto refuse = [](CRunwardCtl ctl, void (CRunwardCtl::*command)()) -> std::string {
-        try {
-            (ctl.*command)();
-        } catch (const ferrocore::CException& e) {
-            return e.message();
-        }
-        return "(no exception)";
+    const auto refuse = [](CRunwardCtl ctl, void (CRunwardCtl::*command)()) {
+        return quilltest::failureOf([&] { (ctl.*command)(); });
     };
     EXPECT_EQ(refuse(CRunwardCtl(cstr("/j.plist"), 6, 0), &CRunwardCtl::load), "Invalid sessionType: 0x6");
     EXPECT_EQ(refuse(CRunwardCtl(cstr("/j.plist"), 0, 0x1f), &CRunwardCtl::unload), "Invalid domainType: 0x1f");

@@ -1,9 +1,12 @@
 // The argument vector of a service instance, against the rules every service
 // executable parses, the launch flag, and the standard streams of a service.
+#include <regex>
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "support/ConfigHome.h"
+#include "support/ServiceFixtures.h"
 #include <ferrocore/CException.h>
 #include <quillcore/control/QuillCorePrivate.h>
 #include <quillcore/plist/CQuillConfigFile.h>
@@ -20,27 +23,9 @@ using Args = std::vector<std::string>;
 
 PLHolder<const PLString> str(const std::string& text) { return PLString::create(text); }
 
-struct Cluster {
-    std::string serverName = "Render";
-    std::string password;
-    bool sharing = false;
-    bool requirePassword = false;
-    bool logToFile = false;
-};
-
 class ServiceArgs : public testing::Test {
 protected:
     quilltest::ConfigHome home;
-
-    void setCluster(const Cluster& cluster) {
-        quill::CQuillConfigFile config;
-        config.serverName = str(cluster.serverName);
-        config.serverPassword = str(cluster.password);
-        config.sharingEnabled = cluster.sharing;
-        config.requirePassword = cluster.requirePassword;
-        config.logToFile = cluster.logToFile;
-        config.flush();
-    }
 
     static Args args(const CServiceCacheEntry& service, const CServiceConfigEntry& config, long instance) {
         Args out;
@@ -60,7 +45,7 @@ protected:
 };
 
 TEST_F(ServiceArgs, NamesIdentifiersAndKeysFollowTheRules) {
-    setCluster({});
+    quilltest::setCluster({});
     const auto plain = service("<key>Path</key><string>/opt/s</string><key>CaptureKey</key><string>K</string>");
     EXPECT_EQ(args(plain, config("inst", "C"), 0),
               (Args{"/opt/s", "-idx", "0", "-name", "Render", "-id", "inst", "-ck", "C"}));
@@ -74,27 +59,20 @@ TEST_F(ServiceArgs, NamesIdentifiersAndKeysFollowTheRules) {
     EXPECT_EQ(args(plain, config("inst", ""), 1)[6], "inst");
     EXPECT_EQ(args(plain, config("inst", ""), 1)[8], "K");
 
-    // Host list: the host of the instance's element joins the name.
-    const auto hosts = service(
-        "<key>Path</key><string>file:///opt/a%20b/s</string><key>UserPrefs</key><dict>"
-        "<key>HostList</key><array><dict><key>HostName</key><string>h0</string></dict>"
-        "<string>not a dict</string><dict><key>HostName</key><string>h2</string></dict>"
-        "</array></dict>");
-    const Args zero = args(hosts, config("", ""), 0);
-    EXPECT_EQ(zero[0], "/opt/a b/s");  // URL text becomes a file path
-    EXPECT_EQ(zero[4], "Render (h0)");
-    EXPECT_EQ(args(hosts, config("", ""), 1)[4], "Render 2");
-    EXPECT_EQ(args(hosts, config("", ""), 2)[4], "Render 3 (h2)");
-    // Nothing gives an identifier: a new UUID each time, and no "-ck".
-    const Args uuid = args(hosts, config("", ""), 0);
+    // URL text becomes a file path. Nothing gives an identifier: a new UUID
+    // each time, and no "-ck". (Host-list names: ServiceArgumentsTest.)
+    const auto url = service("<key>Path</key><string>file:///opt/a%20b/s</string>");
+    const Args zero = args(url, config("", ""), 0);
+    const Args uuid = args(url, config("", ""), 0);
+    EXPECT_EQ(zero[0], "/opt/a b/s");
     ASSERT_EQ(uuid.size(), 7u);
     EXPECT_EQ(uuid[5], "-id");
-    EXPECT_EQ(uuid[6].size(), 36u);
+    EXPECT_TRUE(std::regex_match(uuid[6], std::regex("[0-9A-Fa-f]{8}(-[0-9A-Fa-f]{4}){3}-[0-9A-Fa-f]{12}"))) << uuid[6];
     EXPECT_NE(uuid[6], zero[6]);
 }
 
 TEST_F(ServiceArgs, FlagsAdvertisingAndAccessKeys) {
-    setCluster({"R", "secret", true, true, true});
+    quilltest::setCluster({"R", "secret", true, true, true});
     const auto all = service(
         "<key>Path</key><string>/s</string><key>DetachDaemon</key><true/><key>LocalAds</key>"
         "<true/><key>Advertising</key><integer>2</integer><key>PerUserService</key><true/>"
@@ -102,11 +80,7 @@ TEST_F(ServiceArgs, FlagsAdvertisingAndAccessKeys) {
     // "-v" from the cluster's LogToFile.
     EXPECT_EQ(args(all, config("i", ""), 0), (Args{"/s", "-d", "-l", "-v", "-adv", "mc", "-idx", "0", "-name", "R",
                                                    "-id", "i", "-ak", "secret", "-ck", "K", "-pu"}));
-    for (const auto& [value, text] : {std::pair{1, "dn"}, {3, "rv"}, {-7, "rv"}})
-        EXPECT_EQ(args(service("<key>Path</key><string>/s</string><key>Advertising</key><integer>" +
-                               std::to_string(value) + "</integer>"),
-                       config("i", ""), 0)[3],
-                  text);
+    // The other advertising values: ServiceArgumentsTest.FlagsAndAdvertisingValues.
     // A local-only service other than the cluster administrator without a
     // capture key of its own gets neither key; the administrator does.
     const std::string localOnly = "<key>Path</key><string>/s</string><key>LocalAds</key><true/>";
@@ -116,7 +90,7 @@ TEST_F(ServiceArgs, FlagsAdvertisingAndAccessKeys) {
         args(service(localOnly, quill::QuillCorePrivate::kClusterServiceKind->str()), config("i", "C"), 0);
     EXPECT_EQ(Args(admin.end() - 4, admin.end()), (Args{"-ak", "secret", "-ck", "C"}));
 
-    setCluster({"R", "secret", true, false, false});  // no password required: never "-ak"
+    quilltest::setCluster({"R", "secret", true, false, false});  // no password required: never "-ak"
     const Args open = args(service("<key>Path</key><string>/s</string>"), config("i", ""), 0);
     EXPECT_EQ(std::count(open.begin(), open.end(), "-ak"), 0);
 

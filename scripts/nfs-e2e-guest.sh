@@ -53,6 +53,12 @@ adapter="$tools/quill-nfs-mount"
 
 # ------------------------------------------------------------ the server
 ip link set lo up || fail "no loopback"
+# Pseudo-terminals, as on any host: the storage subscriber runs the mount
+# commands as terminal tasks.
+if ! grep -q ' /dev/pts devpts ' /proc/mounts; then
+    mkdir -p /dev/pts
+    mount -t devpts -o gid=5,mode=620,ptmxmode=0666 devpts /dev/pts || fail "can't mount devpts"
+fi
 bounded 30 modprobe -a nfsd nfs nfsv3 || fail "modprobe nfsd nfs nfsv3"
 mount -t nfsd nfsd /proc/fs/nfsd || fail "can't mount the nfsd file system"
 mkdir -p /run/rpcbind /var/lib/nfs/rpc_pipefs /var/lib/nfs/v4recovery

@@ -15,7 +15,9 @@
 #
 # GUEST_HOOK: a command (and its arguments) that the guest runs after the
 # adapter round trip, with the NFS server up and the environment described
-# in nfs-e2e-guest.sh; its failure fails the test.
+# in nfs-e2e-guest.sh; its failure fails the test. It runs in the source
+# directory, so that a relative path names a script of this tree (for
+# QuillCore's own round trip: -- bash scripts/nfs-e2e-quillcore.sh).
 #
 # Needs root (to install packages and read the kernel), no KVM (-accel tcg).
 # Installs what it needs when missing: qemu-system-x86, linux-image-amd64,
@@ -124,6 +126,7 @@ mkdir -p "$work/initramfs/proc" "$work/initramfs/sys" "$work/initramfs/dev" "$wo
 {
     echo "#!/bin/bash"
     printf 'export QUILL_BUILD_DIR=%q QUILL_SOURCE_DIR=%q\n' "$build" "$root"
+    printf 'cd %q\n' "$root"
     printf 'exec /bin/bash %q' "$here/nfs-e2e-guest.sh"
     for arg in "${hook[@]}"; do printf ' %q' "$arg"; done
     echo

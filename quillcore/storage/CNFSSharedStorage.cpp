@@ -1,3 +1,4 @@
+#include <quillcore/platform/NotificationCenter.h>
 #include <quillcore/storage/CDNSharedStorageClient.h>
 #include <quillcore/storage/CDNSharedStorageServer.h>
 #include <quillcore/storage/CNFSSharedStorage.h>
@@ -46,29 +47,33 @@ void CNFSSharedStorage::processTerminated(long pid) {
 
 CDNSharedStorageServerRef CNFSSharedStorage::NewServer(ServerRPCType type) {
     checkType(type);
-    return ferrocore::makeShared<CDNSharedStorageServer>(ISharedStorageRef(ferrocore::makeShared<CNFSSharedStorage>()));
+    return ferrocore::makeShared<CDNSharedStorageServer>(ISharedStorageRef(ferrocore::makeShared<CNFSSharedStorage>()),
+                                                         platform::hostNotificationCenter());
 }
 
 CDNSharedStorageServerRef CNFSSharedStorage::NewServer(CNFSSharedStoragePublisherRef publisher,
                                                        CNFSSharedStorageSubscriberRef subscriber, ServerRPCType type) {
     checkType(type);
     return ferrocore::makeShared<CDNSharedStorageServer>(
-        ISharedStorageRef(ferrocore::makeShared<CNFSSharedStorage>(std::move(publisher), std::move(subscriber))));
+        ISharedStorageRef(ferrocore::makeShared<CNFSSharedStorage>(std::move(publisher), std::move(subscriber))),
+        platform::hostNotificationCenter());
 }
 
 ISharedStorageRef CNFSSharedStorage::NewClient(ServerRPCType type) {
     checkType(type);
-    return ISharedStorageRef(ferrocore::makeShared<CDNSharedStorageClient>());
+    return ISharedStorageRef(ferrocore::makeShared<CDNSharedStorageClient>(platform::hostNotificationCenter()));
 }
 
 ISharedStoragePublisherRef CNFSSharedStorage::NewPublisherClient(ServerRPCType type) {
     checkType(type);
-    return ISharedStoragePublisherRef(ferrocore::makeShared<CDNSharedStorageClient>());
+    return ISharedStoragePublisherRef(
+        ferrocore::makeShared<CDNSharedStorageClient>(platform::hostNotificationCenter()));
 }
 
 ISharedStorageSubscriberRef CNFSSharedStorage::NewSubscriberClient(ServerRPCType type) {
     checkType(type);
-    return ISharedStorageSubscriberRef(ferrocore::makeShared<CDNSharedStorageClient>());
+    return ISharedStorageSubscriberRef(
+        ferrocore::makeShared<CDNSharedStorageClient>(platform::hostNotificationCenter()));
 }
 
 }  // namespace quill

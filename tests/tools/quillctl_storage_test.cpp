@@ -1,5 +1,6 @@
 // quillctl storage: a request server and its clients in separate processes on
-// a private bus, with a stand-in mount command and a temporary exports file.
+// a private system-style bus (the host-wide bus they use), with a stand-in
+// mount command and a temporary exports file.
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -10,6 +11,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "quillcore/storage/ExportsFileSyntax.h"
 #include "support/NotificationBus.h"
@@ -34,6 +36,7 @@ protected:
     void SetUp() override {
         QuillctlTest::SetUp();
         if (IsSkipped()) return;
+        // Other notifications of quillctl stay on the test's own session bus.
         quilltest::privateBusAddress();
         quilltest::writeFile(_exports, "/foreign/line 10.0.0.0/8(ro)\n");
         startServer();
@@ -70,6 +73,8 @@ protected:
     std::string line(const std::string& path) const { return path + " " + quill::platform::kExportOptions; }
     std::string dir(const std::string& name) const { return (_dir / name).string(); }
 
+    quilltest::PrivateSystemBus _bus;
+    ScopedEnv _systemBus{"DBUS_SYSTEM_BUS_ADDRESS", _bus.address()};
     quilltest::TempDir _dir{"storage"};
     quilltest::StandInMount _stand;
     std::string _exports = (_dir / "exports").string();
@@ -233,7 +238,8 @@ TEST_F(QuillctlStorage, SubExportsLinkPublishAndTidyUp) {
 
 // Raw requests posted from this process, the way any program on the bus can.
 TEST_F(QuillctlStorage, BadRequestsGetAnErrorOrNoReplyAndChangeNothing) {
-    auto& center = quill::platform::notificationCenter();
+    quill::platform::CNotificationCenter center{
+        quill::platform::makeDBusNotificationTransport(quill::platform::NotificationBus::HostWide)};
     std::vector<PLHolder<const PLDictionary>> replies;
     int token = 0;
     for (const char* name : {proto::kPublishReply, proto::kSubscribeReply, proto::kGetServerPortReply})
@@ -294,6 +300,44 @@ TEST_F(QuillctlStorage, BadRequestsGetAnErrorOrNoReplyAndChangeNothing) {
     EXPECT_EQ(exportsFile(), before);
     EXPECT_TRUE(_stand.runs().empty());
     center.removeObserver(&token);
+}
+
+// Clients are ordinary users' programs and the server runs as root: a
+// client of another user gets its requests carried out and answered. The
+// session bus of the test (root's) is out of that client's reach, so only the
+// host-wide bus can carry them.
+TEST_F(QuillctlStorage, AClientOfAnotherUserIsAnsweredByTheServerRunningAsRoot) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a client as nobody";
+    if (::access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "needs /usr/bin/setpriv to run a client as nobody";
+    auto asNobody = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"--reuid=nobody", "--regid=nogroup", "--clear-groups", _tool, "storage"});
+        PeerProcess client(args, "/usr/bin/setpriv");
+        const int status = client.wait(40.0);
+        return std::make_pair(status, client.output());
+    };
+    const std::string shared = dir("fromnobody");
+    const std::string point = dir("nobodymnt");
+    const auto published = asNobody({"publish", shared, "--client", "N", "--pid", "4242", "--timeout", "20"});
+    ASSERT_EQ(published.first, 0) << published.second;
+    EXPECT_THAT(exportsFile(), HasSubstr(line(shared)));
+    const auto subscribed =
+        asNobody({"subscribe", "fileserver:/export/n", point, "--client", "N", "--pid", "4242", "--timeout", "20"});
+    ASSERT_EQ(subscribed.first, 0) << subscribed.second;
+    EXPECT_EQ(_stand.mounted(), std::vector<std::string>{point});
+    // The answer carries the server's maps back to that user.
+    const auto listed = asNobody({"list", "--timeout", "20"});
+    ASSERT_EQ(listed.first, 0) << listed.second;
+    EXPECT_THAT(listed.second, HasSubstr("published\t" + shared + "\t1\tN=[4242]"));
+    EXPECT_THAT(listed.second, HasSubstr("subscribed\t" + point + "\tnfs://fileserver/export/n\t1\tN=[4242]"));
+    // And a refusal reaches it too, as an error.
+    const auto refused = asNobody({"unpublish", dir("never"), "--client", "N", "--timeout", "20"});
+    EXPECT_EQ(refused.first, 1);
+    EXPECT_THAT(refused.second, HasSubstr("not present in publishedMap"));
+
+    EXPECT_EQ(asNobody({"unsubscribe", "fileserver:/export/n", point, "--client", "N", "--pid", "4242"}).first, 0);
+    EXPECT_EQ(asNobody({"unpublish", shared, "--client", "N", "--pid", "4242"}).first, 0);
+    EXPECT_TRUE(_stand.mounted().empty());
+    EXPECT_EQ(exportsFile(), "/foreign/line 10.0.0.0/8(ro)\n");
 }
 
 }  // namespace

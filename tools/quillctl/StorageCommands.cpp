@@ -16,6 +16,9 @@
 // reply (--timeout seconds, 60 by default). PID is the process that holds the
 // reference (default: this quillctl process). MOUNTPOINT defaults to the
 // cluster's mount point for the client name.
+// The server and its clients meet on the host-wide bus (the system bus, or
+// the one DBUS_SYSTEM_BUS_ADDRESS names), so that a client of any user
+// reaches a server that runs as root.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -91,7 +94,7 @@ std::string mountPointFor(const LocationOptions& options) {
 }
 
 int publishVerb(const LocationOptions& options, bool publish) {
-    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>();
+    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>(quill::platform::hostNotificationCenter());
     const auto url = localURL(options.location);
     const auto name = CString::create(options.client);
     const std::string id =
@@ -105,7 +108,7 @@ int subscribeVerb(const LocationOptions& options, bool subscribe) {
         printError("not a location of the form HOST:/PATH: " + options.location);
         return 2;
     }
-    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>();
+    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>(quill::platform::hostNotificationCenter());
     const auto point = CString::create(mountPointFor(options));
     const auto name = CString::create(options.client);
     const std::string id = subscribe ? client->asyncSubscribe(url, point, name, options.pid)
@@ -116,7 +119,7 @@ int subscribeVerb(const LocationOptions& options, bool subscribe) {
 }
 
 int portVerb(const ClientOptions& options) {
-    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>();
+    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>(quill::platform::hostNotificationCenter());
     PLHolder<const PLDictionary> reply;
     if (!waitFor(*client, client->asyncGetServerPort(CString::create("corvane")), options.timeout, &reply)) return 1;
     const auto* port = PLDynamicCast<PLNumber>(reply->get(std::string_view(proto::kServerPortKey)));
@@ -160,7 +163,7 @@ void printMap(const char* label, const PLObject* map) {
 }
 
 int listVerb(const ClientOptions& options) {
-    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>();
+    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>(quill::platform::hostNotificationCenter());
     PLHolder<const PLDictionary> reply;
     if (!waitFor(*client, client->asyncList(CString::create(options.client)), options.timeout, &reply)) return 1;
     printMap("published", reply->get(std::string_view(proto::kPublishedMapKey)));
@@ -169,9 +172,9 @@ int listVerb(const ClientOptions& options) {
 }
 
 int terminatedVerb(long pid) {
-    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>();
+    auto client = ferrocore::makeShared<quill::CDNSharedStorageClient>(quill::platform::hostNotificationCenter());
     client->processTerminated(pid);
-    quill::platform::notificationCenter().flush(2.0);
+    quill::platform::hostNotificationCenter().flush(2.0);
     return 0;
 }
 
@@ -214,7 +217,7 @@ int serveVerb(bool cleanExports) {
     while (!done) loop.runFor(3600.0);
     // Stop observing first: requests still queued are dropped unanswered.
     server->unregisterForNotifications();
-    quill::platform::notificationCenter().flush(2.0);
+    quill::platform::hostNotificationCenter().flush(2.0);
     stopSource.remove();
     return 0;
 }

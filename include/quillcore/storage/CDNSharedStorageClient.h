@@ -26,9 +26,9 @@ namespace quill {
 
 class QUILL_EXPORT CDNSharedStorageClient final : public ISharedStorage {
 public:
-    // Observes the reply names on `center` (the process's centre by default),
-    // which must outlive the client.
-    explicit CDNSharedStorageClient(platform::CNotificationCenter& center = platform::notificationCenter());
+    // Observes the reply names on `center` (by default the host-wide centre,
+    // where the serving process listens), which must outlive the client.
+    explicit CDNSharedStorageClient(platform::CNotificationCenter& center = platform::hostNotificationCenter());
 
     void unregisterForNotifications();
 

@@ -31,10 +31,11 @@ public:
         PLHolder<PLMutableDictionary> payload;
     };
 
-    // Observes the request names on `center` (the process's centre by
-    // default). `storage` must not be null.
+    // Observes the request names on `center`: by default the host-wide
+    // centre, since clients are other users' programs (docs/storage.md,
+    // "Buses"). `storage` must not be null.
     explicit CDNSharedStorageServer(ISharedStorageRef storage,
-                                    platform::CNotificationCenter& center = platform::notificationCenter());
+                                    platform::CNotificationCenter& center = platform::hostNotificationCenter());
 
     // Stops observing; a request delivered after this is not seen.
     void unregisterForNotifications();

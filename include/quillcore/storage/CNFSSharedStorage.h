@@ -40,8 +40,9 @@ public:
     const CNFSSharedStorageSubscriberRef& subscriber() const noexcept { return _subscriber; }
 
     // The factory. Every function throws ISharedStorageException (2, 8) for a
-    // type other than 0. Servers observe and clients wait on `center` (the
-    // process's centre by default) and on the calling thread's run loop.
+    // type other than 0. Servers observe and clients wait on the process's
+    // host-wide centre (platform::hostNotificationCenter()) and on the
+    // calling thread's run loop.
     static CDNSharedStorageServerRef NewServer(ServerRPCType type);
     static CDNSharedStorageServerRef NewServer(CNFSSharedStoragePublisherRef publisher,
                                                CNFSSharedStorageSubscriberRef subscriber, ServerRPCType type);

@@ -227,4 +227,46 @@ TEST(CDNSharedStorageClientReplies, LateRepliesAreDroppedAndTerminationOnlyPosts
     }
 }
 
+// Storage requests travel on the host-wide centre: the server and client
+// made by default or by the factory meet there and never post on the
+// process's (per-user) centre. Each pairs one side made by default with the
+// other made on the host-wide centre explicitly, so a side on another centre
+// would leave the request unanswered.
+TEST(StorageCentres, DefaultsAndTheFactoryUseTheHostWideCentre) {
+    quilltest::TempDir dir("centres");
+    ScopedEnv file{quill::platform::kExportsFilePathVariable, dir.str() + "/exports"};
+    quill::platform::CNotificationCenter host{quill::platform::makeLoopbackNotificationTransport()};
+    quill::platform::CNotificationCenter user{quill::platform::makeLoopbackNotificationTransport()};
+    quill::platform::CScopedHostNotificationCenter hostScope(host);
+    quill::platform::CScopedNotificationCenter userScope(user);
+    int onUser = 0;
+    user.addObserver(
+        &onUser, [&](const quill::platform::CNotification&) { ++onUser; }, nullptr, nullptr);
+    auto storage = [] { return quill::ISharedStorageRef(ferrocore::makeShared<quill::CNFSSharedStorage>()); };
+
+    {
+        auto server = quill::CNFSSharedStorage::NewServer(quill::kServerRPCNotificationCenter);
+        EXPECT_EQ(ferrocore::makeShared<CDNSharedStorageClient>(host)->getServerPort(), -1);
+    }
+    {
+        auto server = ferrocore::makeShared<CDNSharedStorageServer>(storage());
+        EXPECT_EQ(quill::CNFSSharedStorage::NewClient(quill::kServerRPCNotificationCenter)->getServerPort(), -1);
+        EXPECT_EQ(quill::CNFSSharedStorage::NewPublisherClient(quill::kServerRPCNotificationCenter)->getServerPort(),
+                  -1);
+    }
+    {
+        auto server = ferrocore::makeShared<CDNSharedStorageServer>(storage(), host);
+        EXPECT_EQ(ferrocore::makeShared<CDNSharedStorageClient>()->getServerPort(), -1);
+    }
+    int ended = 0;
+    host.addObserver(
+        &ended, [&](const quill::platform::CNotification&) { ++ended; },
+        PLString::create(proto::kProcessTerminatedRequest).get(), nullptr);
+    quill::CNFSSharedStorage::NewSubscriberClient(quill::kServerRPCNotificationCenter)->processTerminated(424242);
+    EXPECT_TRUE(quilltest::runLoopUntil([&] { return ended == 1; }, 5.0));
+    host.removeObserver(&ended);
+    EXPECT_EQ(onUser, 0);
+    user.removeObserver(&onUser);
+}
+
 }  // namespace

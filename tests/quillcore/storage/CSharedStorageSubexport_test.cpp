@@ -81,7 +81,7 @@ TEST(CSharedStorageSubexport, TheLockIsUnlinkedAtOnceAndALinkIsRetriedExactlyOnc
     JumpingClockHost host(&bundle);
     CScopedHost scope(host);
     quill::platform::CNotificationCenter center(quill::platform::makeLoopbackNotificationTransport());
-    quill::platform::CScopedNotificationCenter noBus(center);
+    quill::platform::CScopedHostNotificationCenter noBus(center);
     const std::string lock = real + "/.cvlock";
     const auto file = CURL::createWithPath(real + "/clip.mov", false);
 

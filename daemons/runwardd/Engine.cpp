@@ -169,7 +169,8 @@ bool Engine::start(std::string& problem) {
 }
 
 void Engine::run() {
-    CRunLoop::current().runUntil([this] { return _done; }, 1e9);
+    // A run of the loop waits at most its longest wait: ask again until done.
+    while (!_done) CRunLoop::current().runUntil([this] { return _done; }, 1e9);
     _logger->log(3) << "runwardd exiting" << std::endl;
 }
 

@@ -18,6 +18,7 @@
 #include "Paths.h"
 #include <ferrocore/CString.h>
 #include <quillcore/platform/FileDescriptor.h>
+#include <quillcore/platform/ReadinessNotification.h>
 #include <quillcore/platform/RuntimeDirectory.h>
 
 namespace {
@@ -84,6 +85,9 @@ int main(int argc, char** argv) {
         static_cast<void>(written);
         ready.reset();
     }
+    quill::platform::notifyDaemonReady("listening on " + directory + "/" + runward::kSocketName);
+    // The jobs are not the service manager's to talk to.
+    ::unsetenv("NOTIFY_SOCKET");
     engine.run();
     return 0;
 }

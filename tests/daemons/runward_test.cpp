@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -10,8 +11,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "JobDefinition.h"
@@ -407,6 +410,28 @@ TEST_F(Runward, RapidTogglesEndWithTheJobRunningIffTheTriggerExists) {
     EXPECT_EQ(std::count(all.begin(), all.end(), "DOUBLE"), 0);
     EXPECT_GE(all.size(), 1u);
     EXPECT_EQ(run({"unload", job.string()}).exitCode, 0);
+}
+
+TEST_F(Runward, TellsTheServiceManagerWhenReadyAndKeepsItFromTheJobs) {
+    auto notifyPath = _dir / "notify";
+    quill::platform::CFileDescriptor notify(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, notifyPath.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(notify.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ScopedEnv notifySocket("NOTIFY_SOCKET", notifyPath.string());
+
+    auto seen = _dir / "seen";
+    auto job = writeJob("n", jobText("com.example.n", "echo \"${NOTIFY_SOCKET:-none}\" > " + seen.string(), "",
+                                     "<key>RunAtLoad</key><true/>"));
+    ASSERT_EQ(run({"load", job.string()}).exitCode, 0);
+    pollfd wait{notify.get(), POLLIN, 0};
+    ASSERT_EQ(::poll(&wait, 1, 5000), 1);
+    char buffer[512] = {};
+    ASSERT_GT(::recv(notify.get(), buffer, sizeof buffer - 1, 0), 0);
+    EXPECT_EQ(std::string(buffer).rfind("READY=1\nSTATUS=listening on ", 0), 0u) << buffer;
+    ASSERT_TRUE(waitFor([&] { return lines(seen).size() == 1; }));
+    EXPECT_EQ(lines(seen)[0], "none");
 }
 
 // ----- the control channel -----

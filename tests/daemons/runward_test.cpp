@@ -182,6 +182,14 @@ TEST_F(Runward, LoadsListsAndUnloadsAJob) {
     EXPECT_EQ(jobPid("com.example.a"), pid);
     EXPECT_EQ(lines(starts).size(), 1u);
 
+    // New arguments: the old run is stopped and the new one started.
+    job = writeJob("a", jobText("com.example.a", "echo $$ >> " + starts.string() + "; exec sleep 999", "",
+                                "<key>RunAtLoad</key><true/>"));
+    ASSERT_EQ(run({"load", job.string()}).exitCode, 0);
+    ASSERT_TRUE(waitFor([&] { return lines(starts).size() == 2 && jobPid("com.example.a") > 0; }));
+    EXPECT_FALSE(alive(pid));
+    pid = jobPid("com.example.a");
+
     auto unloaded = run({"unload", job.string()});
     EXPECT_EQ(unloaded.exitCode, 0) << unloaded.err;
     EXPECT_FALSE(alive(pid)) << "unload returns once the job is gone";
@@ -410,6 +418,24 @@ TEST_F(Runward, RapidTogglesEndWithTheJobRunningIffTheTriggerExists) {
     EXPECT_EQ(std::count(all.begin(), all.end(), "DOUBLE"), 0);
     EXPECT_GE(all.size(), 1u);
     EXPECT_EQ(run({"unload", job.string()}).exitCode, 0);
+}
+
+TEST_F(Runward, AnIdleSupervisorDoesNotWakeUp) {
+    auto trigger = _dir / "trigger";
+    auto job = writeJob("i", jobText("com.example.i", "exec sleep 1000", pathState(trigger.string())));
+    ASSERT_EQ(run({"load", job.string()}).exitCode, 0);
+    pid_t pid = daemonPid();
+    auto switches = [pid] {
+        std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+        for (std::string line; std::getline(in, line);) {
+            if (line.rfind("voluntary_ctxt_switches:", 0) == 0) return std::stol(line.substr(24));
+        }
+        return -1L;
+    };
+    std::this_thread::sleep_for(200ms);
+    long before = switches();
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_EQ(switches(), before) << "runwardd woke up with nothing to do";
 }
 
 TEST_F(Runward, TellsTheServiceManagerWhenReadyAndKeepsItFromTheJobs) {

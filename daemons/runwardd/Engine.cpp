@@ -733,8 +733,10 @@ void Engine::finishStop(Job& job) {
 
 void Engine::refreshWatches() {
     std::set<std::string> wanted;
+    _watchedPaths.clear();
     for (const auto& [label, job] : _jobs) {
         for (const auto& [path, state] : job->definition.pathState) {
+            _watchedPaths.insert(path);
             // Watch the nearest directory that exists: the parent, or the
             // ancestor in which the parent will appear.
             std::string directory = parentDirectory(path);
@@ -766,16 +768,22 @@ void Engine::refreshWatches() {
 void Engine::readInotify() {
     alignas(inotify_event) char buffer[65536];
     bool structural = false;
-    bool any = false;
+    bool relevant = false;
     for (;;) {
         ssize_t n = ::read(_inotify.get(), buffer, sizeof buffer);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
-        any = true;
         for (char* at = buffer; at < buffer + n;) {
             auto* event = reinterpret_cast<inotify_event*>(at);
             if (event->mask & (IN_Q_OVERFLOW | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
                 structural = true;
+            } else if (event->len > 0) {
+                // Busy directories such as /tmp: only the watched names matter.
+                auto it = _directoryByWatch.find(event->wd);
+                if (it != _directoryByWatch.end()) {
+                    std::string path = (it->second == "/" ? "" : it->second) + "/" + event->name;
+                    if (_watchedPaths.count(path)) relevant = true;
+                }
             }
             if (event->mask & IN_IGNORED) {
                 auto it = _directoryByWatch.find(event->wd);
@@ -787,9 +795,8 @@ void Engine::readInotify() {
             at += sizeof(inotify_event) + event->len;
         }
     }
-    if (!any) return;
     if (structural) refreshWatches();
-    conditionsChanged();
+    if (structural || relevant) conditionsChanged();
 }
 
 // ----- the state file -----

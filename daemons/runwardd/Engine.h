@@ -128,6 +128,8 @@ private:
     std::map<pid_t, std::string> _mainPids;
     std::map<std::string, int> _watchByDirectory;
     std::map<int, std::string> _directoryByWatch;
+    // Every path of every job's path state.
+    std::set<std::string> _watchedPaths;
     std::map<int, std::unique_ptr<Connection>> _connections;
     int _nextConnection = 1;
     bool _shuttingDown = false;

@@ -72,6 +72,22 @@ bool validLabel(const std::string& label, std::string& problem) {
     return true;
 }
 
+// An absolute path without empty, "." or ".." components and without a
+// trailing "/": the form in which its directory's events name it.
+bool isPlainAbsolutePath(std::string_view path) {
+    if (path.size() < 2 || path.size() > 4095 || path[0] != '/' || path.back() == '/') return false;
+    if (path.find('\0') != std::string_view::npos) return false;
+    std::size_t at = 1;
+    while (at <= path.size()) {
+        auto slash = path.find('/', at);
+        if (slash == std::string_view::npos) slash = path.size();
+        auto part = path.substr(at, slash - at);
+        if (part.empty() || part == "." || part == "..") return false;
+        at = slash + 1;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::optional<JobDefinition> parseJobDefinition(const PLObject* plist, std::string& problem) {
@@ -156,9 +172,8 @@ std::optional<JobDefinition> parseJobDefinition(const PLObject* plist, std::stri
                         problem = "\"PathState\" must map paths to booleans";
                         return std::nullopt;
                     }
-                    if (path->empty() || path->utf8()[0] != '/' || path->utf8().find('\0') != std::string_view::npos ||
-                        path->size() > 4095) {
-                        problem = "\"PathState\" path \"" + path->str() + "\" is not an absolute path";
+                    if (!isPlainAbsolutePath(path->utf8())) {
+                        problem = "\"PathState\" path \"" + path->str() + "\" is not a plain absolute path";
                         return std::nullopt;
                     }
                     job.pathState[path->str()] = wanted->value();

@@ -226,6 +226,8 @@ TEST_F(Runward, RefusesHostileDefinitionsAndChangesNothing) {
         {"label with a newline", jobText("com.example\nevil", "true", "")},
         {"KeepAlive of the wrong type", jobText("x", "true", "<string>yes</string>")},
         {"PathState of the wrong type", jobText("x", "true", "<dict><key>PathState</key><true/></dict>")},
+        {"PathState path not plain", jobText("x", "true", pathState(_dir.str() + "/../trigger"))},
+        {"PathState path relative", jobText("x", "true", pathState("trigger"))},
         {"ExitTimeOut of the wrong type", jobText("x", "true", "", "<key>ExitTimeOut</key><string>5</string>")},
         {"huge argument array", "<plist version=\"1.0\"><dict>" + hugeArray + "</dict></plist>"},
         {"the good label with new arguments but a bad type",
@@ -286,6 +288,24 @@ TEST_F(Runward, PathStateStartsAndStopsTheJob) {
     quilltest::writeFile(_dir / "trigger.tmp", "");
     std::filesystem::rename(_dir / "trigger.tmp", trigger);
     ASSERT_TRUE(waitFor([&] { return lines(events).size() == 3; }));
+    EXPECT_EQ(run({"unload", job.string()}).exitCode, 0);
+}
+
+TEST_F(Runward, ATriggerInADirectoryStillToBeMadeIsSeen) {
+    auto trigger = _dir / "a/b/trigger";
+    auto job = writeJob("d", jobText("com.example.d", "exec sleep 1000", pathState(trigger.string())));
+    ASSERT_EQ(run({"load", job.string()}).exitCode, 0);
+    // Files with other names in the watched directory change nothing.
+    quilltest::writeFile(_dir / "other", "");
+    std::filesystem::create_directories(_dir / "a/b");
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(jobPid("com.example.d"), 0);
+    quilltest::writeFile(trigger, "");
+    ASSERT_TRUE(waitFor([&] { return jobPid("com.example.d") > 0; }));
+    pid_t pid = jobPid("com.example.d");
+    // The whole directory goes: the job stops.
+    std::filesystem::remove_all(_dir / "a");
+    ASSERT_TRUE(waitFor([&] { return !alive(pid); }));
     EXPECT_EQ(run({"unload", job.string()}).exitCode, 0);
 }
 

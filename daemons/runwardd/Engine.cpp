@@ -293,7 +293,7 @@ Reply Engine::loadJob(const Request& request) {
         _logger->log(3) << "loaded " << job->definition.label << std::endl;
         refreshWatches();
         applyLoadRules(*job);
-        saveState();
+        saveState(true);
         return {};
     }
     bool argumentsChanged = job->definition.programArguments != definition->programArguments;
@@ -316,7 +316,7 @@ Reply Engine::loadJob(const Request& request) {
     } else if (job->definition.hasPathState()) {
         conditionsChanged();
     }
-    saveState();
+    saveState(true);
     return {};
 }
 
@@ -332,7 +332,7 @@ Reply Engine::unloadJob(int id, const Request& request, bool& deferred) {
         _logger->log(3) << "unloaded " << job->definition.label << std::endl;
         _jobs.erase(job->definition.label);
         refreshWatches();
-        saveState();
+        saveState(true);
         return {};
     }
     job->unloadWaiters.push_back(id);
@@ -549,7 +549,11 @@ void Engine::collectMembers(Job& job) {
     for (const auto& info : processes) {
         if (info.pid == self || info.state == 'Z') continue;
         bool member = job.members.count(info.pid) != 0 || (group > 0 && info.group == group) ||
-                      (job.pid > 0 && info.pid == job.pid) || carriesToken(info.pid, job.token);
+                      (job.pid > 0 && info.pid == job.pid) ||
+                      // Every process of a run descends from runwardd, so a
+                      // run's process outside the trees above is an orphan
+                      // reparented to it: only those need their environment read.
+                      (info.parent == self && !_mainPids.count(info.pid) && carriesToken(info.pid, job.token));
         if (member) {
             job.members[info.pid] = info.startTicks;
             pending.push_back(info.pid);
@@ -709,7 +713,7 @@ void Engine::finishStop(Job& job) {
         _logger->log(3) << "unloaded " << job.definition.label << std::endl;
         _jobs.erase(job.definition.label);
         refreshWatches();
-        saveState();
+        saveState(true);
         for (int id : waiters) sendReply(id, {});
         return;
     }
@@ -801,7 +805,7 @@ void Engine::readInotify() {
 
 // ----- the state file -----
 
-void Engine::saveState() {
+void Engine::saveState(bool durable) {
     auto jobs = PLMutableArray::create();
     for (const auto& [label, job] : _jobs) {
         if (job->unloading && job->state == State::Idle) continue;
@@ -828,7 +832,9 @@ void Engine::saveState() {
         ok = n > 0;
         if (ok) done += static_cast<std::size_t>(n);
     }
-    ok = ok && ::fsync(fd.get()) == 0;
+    // The definitions must survive a crash of the host; the process IDs are
+    // of use only after a crash of runwardd, which the rename alone covers.
+    ok = ok && (!durable || ::fsync(fd.get()) == 0);
     fd.reset();
     if (!ok || ::rename(temporary.c_str(), _options.statePath.c_str()) != 0) {
         _logger->log(1) << "can't write " << _options.statePath << ": " << errnoText(errno) << std::endl;
@@ -917,7 +923,7 @@ void Engine::recoverState() {
     }
     refreshWatches();
     for (auto& [label, job] : _jobs) applyLoadRules(*job);
-    saveState();
+    saveState(true);
 }
 
 }  // namespace runward

@@ -110,7 +110,9 @@ private:
     void readInotify();
 
     // State file and earlier runs.
-    void saveState();
+    // Writes the state file atomically; `durable` also flushes it to disk
+    // first (for changes of the loaded definitions).
+    void saveState(bool durable = false);
     void recoverState();
 
     void readSignals();

@@ -181,7 +181,9 @@ int main(int argc, char** argv) {
     std::vector<double> killMs;
     for (int i = 0; i < std::max(1, cycles / 10); ++i) {
         ::close(::open(trigger.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-        if (!readLine(fd, buffer, line) || line[0] != 'S') break;
+        bool started = false;
+        while (!started && readLine(fd, buffer, line)) started = line[0] == 'S';
+        if (!started) break;
         pid_t pid = static_cast<pid_t>(std::atol(std::strchr(line.c_str() + 2, ' ') + 1));
         int handle = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
         ::unlink(trigger.c_str());

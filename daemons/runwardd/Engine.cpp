@@ -575,7 +575,11 @@ void Engine::signalMembers(Job& job, int signal) {
     collectMembers(job);
     if (job.pid > 0) ::kill(-job.pid, signal);
     for (const auto& [pid, ticks] : job.members) {
-        if (isSameProcess(pid, ticks)) ::kill(pid, signal);
+        // Members of the job's group got the signal already: once is enough.
+        auto info = readProcess(pid);
+        if (!info || info->startTicks != ticks || info->state == 'Z') continue;
+        if (job.pid > 0 && info->group == job.pid) continue;
+        ::kill(pid, signal);
     }
 }
 

@@ -63,6 +63,12 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    // Pin no directory of whoever started us; jobs start in "/" too.
+    if (::chdir("/") != 0) {
+        std::cerr << "runwardd: can't change to /: " << std::strerror(errno) << "\n";
+        return 1;
+    }
+
     sigset_t signals;
     sigemptyset(&signals);
     for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, s);

@@ -375,6 +375,26 @@ TEST_F(Runward, AStopLeavesNoDescendantBehind) {
     EXPECT_FALSE(alive(second));
 }
 
+TEST_F(Runward, WhatAJobLeavesBehindWhenItExitsIsStoppedBeforeItsNextRun) {
+    auto children = _dir / "children";
+    // Each run leaves a double-forked child and exits; KeepAlive restarts it.
+    std::string script = "(sh -c 'echo $$ >> " + children.string() + "; exec sleep 1000' &); sleep 0.2; exit 0";
+    auto job = writeJob("l", jobText("com.example.l", script, "<true/>",
+                                     "<key>RunAtLoad</key><true/><key>ThrottleInterval</key><integer>1</integer>"));
+    ASSERT_EQ(run({"load", job.string()}).exitCode, 0);
+    ASSERT_TRUE(waitFor([&] { return lines(children).size() == 2; }));
+    pid_t first = std::stoi(lines(children)[0]);
+    EXPECT_FALSE(alive(first)) << "the first run's child outlived it into the second run";
+    EXPECT_NE(log().find("stopping what com.example.l left behind"), std::string::npos);
+
+    // Unloading while a throttled start waits returns at once.
+    ASSERT_TRUE(waitFor([&] {
+        return run({"list", "-x", "com.example.l"}).out.find("<key>NextStartIn</key>") != std::string::npos;
+    }));
+    EXPECT_EQ(run({"unload", job.string()}).exitCode, 0);
+    EXPECT_NE(run({"list", "-x", "com.example.l"}).exitCode, 0);
+}
+
 TEST_F(Runward, ARestartAfterSigkillBringsJobsBackExactlyOnce) {
     auto trigger = _dir / "trigger";
     quilltest::writeFile(trigger, "");

@@ -115,6 +115,17 @@ TEST_F(RunwardLibrary, ASynchronisedServiceRunsAndStopsWithItsTriggerFile) {
     EXPECT_EQ(listed.exitCode, 0);
     EXPECT_NE(listed.out.find((bundle / "service").string()), std::string::npos) << listed.out;
 
+    // quillctl host status shows the job, its process and its trigger file.
+    ASSERT_FALSE(quilltest::quillctlPath().empty());
+    auto status = quilltest::runCommand({quilltest::quillctlPath(), "host", "status"});
+    EXPECT_EQ(status.exitCode, 0) << status.err;
+    EXPECT_NE(status.out.find("runwardd: running, pid "), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find(kind + ": enabled, runs as a job"), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find("instance 0: job " + label + " ("), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find(".runwardagent." + std::to_string(::geteuid()) + ": present"), std::string::npos);
+    EXPECT_NE(status.out.find("job: running, pid " + std::to_string(first)), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find("msg=\"started " + label), std::string::npos) << "the log's tail";
+
     // Synchronising again loads the job again and leaves the service alone.
     syncServices(kinds.get());
     std::this_thread::sleep_for(200ms);

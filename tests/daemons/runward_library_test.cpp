@@ -120,6 +120,7 @@ TEST_F(RunwardLibrary, ASynchronisedServiceRunsAndStopsWithItsTriggerFile) {
     auto status = quilltest::runCommand({quilltest::quillctlPath(), "host", "status"});
     EXPECT_EQ(status.exitCode, 0) << status.err;
     EXPECT_NE(status.out.find("runwardd: running, pid "), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find("daemon: not running (recorded pids: none)"), std::string::npos) << status.out;
     EXPECT_NE(status.out.find(kind + ": enabled, runs as a job"), std::string::npos) << status.out;
     EXPECT_NE(status.out.find("instance 0: job " + label + " ("), std::string::npos) << status.out;
     EXPECT_NE(status.out.find(".runwardagent." + std::to_string(::geteuid()) + ": present"), std::string::npos);

@@ -1,5 +1,5 @@
 // quillctl host status: what runs on this host for the current user: the job
-// supervisor, every service of the service cache that runs as one of its
+// supervisor, the library's daemon, every service of the service cache that runs as one of its
 // jobs (job file, label, trigger file, process ID, last exit), and the tail
 // of the supervisor's log. Never starts anything: jobs are asked about only
 // when runwardd already runs.
@@ -18,11 +18,13 @@
 #include <unistd.h>
 
 #include "Commands.h"
+#include <quillcore/control/QuillConfig.h>
 #include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/platform/PLPropertyList.h>
 #include <quillcore/platform/RuntimeDirectory.h>
 #include <quillcore/plist/CServiceCacheFile.h>
+#include <quillcore/plist/CServicePIDFile.h>
 #include <quillcore/servicemanager/CRunwardCtlPList.h>
 
 namespace quillctl {
@@ -112,6 +114,15 @@ int status() {
     } else {
         std::printf("runwardd: not running\n");
     }
+
+    // The library's daemon, as isDaemonRunning() sees it.
+    const quill::CServicePIDFile daemonPids(PLString::create("corvaned").get());
+    std::vector<std::int32_t> recorded;
+    daemonPids.get(recorded);
+    std::string recordedText;
+    for (std::int32_t id : recorded) recordedText += (recordedText.empty() ? "" : " ") + std::to_string(id);
+    std::printf("daemon: %s (recorded pids: %s)\n", isDaemonRunning() ? "running" : "not running",
+                recordedText.empty() ? "none" : recordedText.c_str());
 
     const quill::CServiceCacheFile cache;
     std::vector<quill::CServiceCacheEntry> entries;

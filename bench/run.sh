@@ -8,3 +8,5 @@ for name in plist_bench plist_file_bench md5_bench bus_bench task_bench log_benc
     echo "=== $name"
     "$build/bench/$name"
 done
+echo "=== runward_latency_report"
+"$build/bench/runward_latency_report" "$build/daemons/runwardctl"

@@ -20,6 +20,7 @@
 #include <quillcore/platform/FileDescriptor.h>
 #include <quillcore/platform/Host.h>
 #include <quillcore/platform/NotificationCenter.h>
+#include <quillcore/platform/RuntimeDirectory.h>
 
 extern char** environ;
 
@@ -158,12 +159,6 @@ void writePidFile(const std::string& path, pid_t pid) {
     static_cast<void>(written);  // the pid file is a courtesy; the bus works without it
 }
 
-bool isOwnPrivateDirectory(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == ::geteuid() &&
-           (st.st_mode & 077) == 0;
-}
-
 }  // namespace
 
 std::string unixAddress(const std::string& path) {
@@ -229,47 +224,12 @@ Candidate systemBusCandidate() {
     return {unixAddress(kSystemBusSocketPath), "the system bus"};
 }
 
-std::string privateBusDirectory() {
-    std::string runtime = envValue("XDG_RUNTIME_DIR");
-    if (runtime.empty()) {
-        std::string userRuntime = "/run/user/" + std::to_string(::geteuid());
-        if (isOwnPrivateDirectory(userRuntime)) runtime = userRuntime;
-    }
-    if (!runtime.empty()) return runtime + "/" + kPrivateBusDirectoryName;
-    return kPrivateBusTmpPrefix + std::to_string(::geteuid());
-}
+std::string privateBusDirectory() { return userPrivateDirectory(kPrivateBusDirectoryName); }
 
 std::error_code ensurePrivateBus(std::string& address, bool& started, std::string& problem) {
     started = false;
     const std::string directory = privateBusDirectory();
-    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
-        int err = errno;
-        problem = "can't make " + directory + ": " + errnoText(err);
-        return posixError(err);
-    }
-    // The socket of every process of this user will be here: nobody else may
-    // be able to put one in its place.
-    struct stat st;
-    if (::lstat(directory.c_str(), &st) != 0) {
-        int err = errno;
-        problem = "can't examine " + directory + ": " + errnoText(err);
-        return posixError(err);
-    }
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
-    if (!S_ISDIR(st.st_mode)) {
-        problem = "refusing " + directory + ": not a directory";
-        return std::make_error_code(std::errc::permission_denied);
-    }
-    if (st.st_uid != ::geteuid()) {
-        problem = "refusing " + directory + ": it belongs to uid " + std::to_string(st.st_uid) + ", not to uid " +
-                  std::to_string(::geteuid());
-        return std::make_error_code(std::errc::permission_denied);
-    }
-    if ((st.st_mode & 022) != 0) {
-        problem = "refusing " + directory + ": others can write to it (mode " + mode + ")";
-        return std::make_error_code(std::errc::permission_denied);
-    }
+    if (std::error_code ec = ensureUserPrivateDirectory(directory, problem)) return ec;
 
     const std::string lockPath = directory + "/" + kPrivateBusLockName;
     CFileDescriptor lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -67,14 +69,12 @@ std::string readLine(int fd) {
 
 }  // namespace
 
-const std::string& privateBusAddress() {
-    TestBus& bus = testBus();
-    if (bus.pid > 0) return bus.address;
-    fs::path dir = testRoot() / "testbus";
-    fs::create_directories(dir);
-    std::string addressArg = "--address=unix:path=" + (dir / "bus").string();
-    const char* argv[] = {"/usr/bin/dbus-daemon", "--session", addressArg.c_str(), "--nofork",
-                          "--print-address=3",    nullptr};
+namespace {
+
+// Starts a bus daemon with `argv` (null-terminated) that ends with this
+// process, and returns its process ID with the address it prints on
+// descriptor 3. Throws when it does not start.
+std::pair<pid_t, std::string> startBusDaemon(const char* const* argv) {
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
     const pid_t parent = ::getpid();
@@ -92,15 +92,29 @@ const std::string& privateBusAddress() {
         _exit(127);
     }
     ::close(out[1]);
+    std::string address;
     try {
-        bus.address = readLine(out[0]);
+        address = readLine(out[0]);
     } catch (...) {
         ::close(out[0]);
         stopProcess(pid);
         throw;
     }
     ::close(out[0]);
-    bus.pid = pid;
+    return {pid, address};
+}
+
+}  // namespace
+
+const std::string& privateBusAddress() {
+    TestBus& bus = testBus();
+    if (bus.pid > 0) return bus.address;
+    fs::path dir = testRoot() / "testbus";
+    fs::create_directories(dir);
+    std::string addressArg = "--address=unix:path=" + (dir / "bus").string();
+    const char* argv[] = {"/usr/bin/dbus-daemon", "--session", addressArg.c_str(), "--nofork",
+                          "--print-address=3",    nullptr};
+    std::tie(bus.pid, bus.address) = startBusDaemon(argv);
     ::setenv("DBUS_SESSION_BUS_ADDRESS", bus.address.c_str(), 1);
     return bus.address;
 }
@@ -141,33 +155,12 @@ PrivateSystemBus::PrivateSystemBus() {
                   "</busconfig>\n");
     const std::string configArg = "--config-file=" + (_dir / "system.conf").string();
     const char* argv[] = {"/usr/bin/dbus-daemon", configArg.c_str(), "--nofork", "--print-address=3", nullptr};
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    const pid_t parent = ::getpid();
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (::getppid() != parent) _exit(1);
-        ::dup2(out[1], 3);
-        int devNull = ::open("/dev/null", O_RDWR);
-        ::dup2(devNull, 0);
-        ::dup2(devNull, 1);
-        ::dup2(devNull, 2);
-        ::close_range(4, ~0U, 0);
-        ::execve(argv[0], const_cast<char* const*>(argv), environ);
-        _exit(127);
-    }
-    ::close(out[1]);
     try {
-        _address = readLine(out[0]);
+        std::tie(_pid, _address) = startBusDaemon(argv);
     } catch (...) {
-        ::close(out[0]);
-        stopProcess(pid);
         fs::remove_all(_dir);
         throw;
     }
-    ::close(out[0]);
-    _pid = pid;
     // Other users must reach the socket.
     fs::permissions(socket, fs::perms::all);
 }

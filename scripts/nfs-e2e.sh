@@ -74,9 +74,22 @@ version=${kernel#/boot/vmlinuz-}
 
 # ------------------------------------------------------------ initramfs
 work="$build/nfs-e2e"
-case $work/ in
-    /tmp/* | /run/* | /var/lib/nfs/*) fail "$work is hidden in the guest (tmpfs there); use a build directory elsewhere" ;;
-esac
+# The guest has fresh tmpfs on /tmp, /run and /var/lib/nfs. A source or build
+# tree below the host's /tmp (a CI clone, say) is bound back in place there;
+# below /run or /var/lib/nfs it cannot be.
+keep=()
+for dir in "$root" "$build"; do
+    case $dir/ in
+        *[[:space:],]*) fail "$dir: a path with white space or a comma cannot be handed to the guest" ;;
+        /tmp/*)
+            rest=${dir#/tmp/}
+            top=/tmp/${rest%%/*}
+            [[ " ${keep[*]} " == *" $top "* ]] || keep+=("$top")
+            ;;
+        /run/* | /var/lib/nfs/*) fail "$dir is hidden in the guest (tmpfs there); use a directory elsewhere" ;;
+    esac
+done
+keep_list=$(IFS=,; echo "${keep[*]}")
 rm -rf "$work"
 mkdir -p "$work/initramfs/bin" "$work/initramfs/modules"
 cp /bin/busybox "$work/initramfs/bin/busybox"
@@ -107,8 +120,14 @@ if ! mount -t 9p -o trans=virtio,version=9p2000.L,ro hostroot /host; then
     say "QUILL-NFS-E2E: FAIL the guest could not mount the host over 9p"
     reboot -f
 fi
+keep=$(sed -n 's/.*quill.keep=\([^ ]*\).*/\1/p' /proc/cmdline)
+mkdir -p /hosttmp
+[ -n "$keep" ] && mount --bind /host/tmp /hosttmp
 for d in tmp run var/lib/nfs; do mount -t tmpfs -o mode=0755 tmpfs /host/$d; done
 chmod 1777 /host/tmp
+for k in $(echo "$keep" | tr ',' ' '); do
+    mkdir -p "/host$k" && mount --bind "/hosttmp/${k#/tmp/}" "/host$k" || say "init: can't keep $k"
+done
 mount --rbind /proc /host/proc
 mount --rbind /sys /host/sys
 mount --rbind /dev /host/dev
@@ -139,7 +158,7 @@ set +e
 timeout --kill-after=10 "$timeout_s" qemu-system-x86_64 \
     -accel tcg -m 1024 -smp 1 -nodefaults -no-reboot -display none \
     -kernel "$kernel" -initrd "$work/initramfs.gz" \
-    -append "console=ttyS0 panic=-1 quiet loglevel=3 quill.job=$work" \
+    -append "console=ttyS0 panic=-1 quiet loglevel=3 quill.job=$work${keep_list:+ quill.keep=$keep_list}" \
     -virtfs "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap" \
     -serial "file:$console" -monitor none
 status=$?

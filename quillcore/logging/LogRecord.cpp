@@ -24,25 +24,124 @@ void appendUnsigned(std::string& out, unsigned long long value) {
 
 }  // namespace
 
-void appendTimeFields(std::string& out) {
-    const CTimeStamp now(-1.0);
+void appendTimeFields(std::string& out, double seconds) {
+    const CTimeStamp stamp(seconds);
     out += "tms=\"";
-    appendFixed3(out, now.seconds());
+    appendFixed3(out, stamp.seconds());
     out += "\" tmt=\"";
-    out += now.text();
+    out += stamp.text();
     out += '"';
 }
 
-void appendRecordHead(std::string& out, unsigned level) {
-    out += "<log ";
-    appendTimeFields(out);
-    out += " pid=\"";
-    appendUnsigned(out, static_cast<std::uint32_t>(platform::host().processID()));
+namespace {
+
+// The head of this thread's records in the current whole second:
+// `<log tms="S.mmm" tmt="T.mmm" pid="P" msg="` (other levels than 3 put their
+// `lvl` before `msg`). Within one second only the two millisecond fields
+// change. Only for the real host: substitute hosts are asked every time, as
+// by CTimeStamp.
+//
+// For the real clock both texts are a whole second's text with the
+// milliseconds of the fraction put in: the time is whole + fraction exactly,
+// and the time text's seconds, seconds-of-minute + fraction, are exact too
+// when the time is at least 2^24 (its fraction has no bits below 2^-28), so
+// both round their fraction to the same milliseconds. A fraction that rounds
+// up to the next second takes the general path.
+struct HeadCache {
+    static constexpr std::size_t kCapacity = 120;
+    double second = std::nan("");
+    const char* timeZone = nullptr;
+    std::int32_t processID = 0;
+    char text[kCapacity] = {};
+    std::size_t length = 0;       // up to and including `msg="`
+    std::size_t levelOffset = 0;  // where ` lvl="N"` goes for levels other than 3
+    std::size_t secondsMillis = 0;
+    std::size_t textMillis = 0;
+};
+thread_local HeadCache tHead __attribute__((tls_model("initial-exec")));
+
+constexpr double kFastTimes = 16777216.0;  // 2^24; below it the general path
+constexpr double kLastFastTime = 4.0e15;   // whole seconds stay exact integers
+
+// The milliseconds "%.3lf" gives for `fraction` (0 <= fraction < 1), from 0 to
+// 1000, or -1 when it lies too close to a half millisecond to tell without
+// exact arithmetic.
+int roundedMillis(double fraction) noexcept {
+    const double scaled = fraction * 1000.0;
+    const double whole = static_cast<double>(static_cast<int>(scaled));
+    const double rest = scaled - whole;
+    if (std::fabs(rest - 0.5) <= 1.0e-6) return -1;
+    return static_cast<int>(whole) + (rest > 0.5 ? 1 : 0);
+}
+
+// Builds the cache for `second` from a time stamp of it, which gives ".000"
+// for both fields; false when it does not (the general path is taken).
+bool fillHead(HeadCache& cache, double second, const char* timeZone, std::int32_t processID) {
+    std::string head = "<log ";
+    const std::size_t secondsStart = head.size() + 5;  // after `tms="`
+    appendTimeFields(head, second);
+    const std::size_t secondsEnd = head.find('"', secondsStart);
+    const std::size_t textEnd = head.size() - 1;
+    if (head.compare(secondsEnd - 4, 4, ".000") != 0 || head.compare(textEnd - 4, 4, ".000") != 0) return false;
+    head += " pid=\"";
+    appendUnsigned(head, static_cast<std::uint32_t>(processID));
+    const std::size_t levelOffset = head.size();
+    head += "\" msg=\"";
+    if (head.size() > HeadCache::kCapacity) return false;
+    std::memcpy(cache.text, head.data(), head.size());
+    cache.length = head.size();
+    cache.levelOffset = levelOffset;
+    cache.secondsMillis = secondsEnd - 3;
+    cache.textMillis = textEnd - 3;
+    cache.second = second;
+    cache.timeZone = timeZone;
+    cache.processID = processID;
+    return true;
+}
+
+void appendLevelAndMessageStart(std::string& out, unsigned level) {
     if (level != 3) {
         out += "\" lvl=\"";
         appendUnsigned(out, level);
     }
     out += "\" msg=\"";
+}
+
+}  // namespace
+
+void appendRecordHead(std::string& out, unsigned level, double seconds) {
+    platform::IHost& host = platform::host();
+    if (&host == &platform::defaultHost()) {
+        if (seconds < 0.0) seconds = host.currentTime();
+        if (seconds >= kFastTimes && seconds < kLastFastTime) {
+            const double whole = static_cast<double>(static_cast<std::int64_t>(seconds));
+            const int millis = roundedMillis(seconds - whole);
+            const char* timeZone = std::getenv("TZ");
+            const std::int32_t processID = host.processID();
+            HeadCache& cache = tHead;
+            if (millis >= 0 && millis < 1000 &&
+                ((cache.second == whole && cache.timeZone == timeZone && cache.processID == processID) ||
+                 fillHead(cache, whole, timeZone, processID))) {
+                const char digits[3] = {static_cast<char>('0' + millis / 100),
+                                        static_cast<char>('0' + millis / 10 % 10),
+                                        static_cast<char>('0' + millis % 10)};
+                std::memcpy(cache.text + cache.secondsMillis, digits, 3);
+                std::memcpy(cache.text + cache.textMillis, digits, 3);
+                if (level == 3) {
+                    out.append(cache.text, cache.length);
+                } else {
+                    out.append(cache.text, cache.levelOffset);
+                    appendLevelAndMessageStart(out, level);
+                }
+                return;
+            }
+        }
+    }
+    out += "<log ";
+    appendTimeFields(out, seconds);
+    out += " pid=\"";
+    appendUnsigned(out, static_cast<std::uint32_t>(host.processID()));
+    appendLevelAndMessageStart(out, level);
 }
 
 std::string fileHeader() {
@@ -107,10 +206,6 @@ struct PlainTable {
 };
 constexpr PlainTable kPlain;
 
-}  // namespace
-
-namespace {
-
 // Whether any of the eight bytes of `word` needs a closer look: not ASCII, a
 // control character, or one of " < &.
 constexpr std::uint64_t kOnes = 0x0101010101010101ull;
@@ -124,34 +219,73 @@ inline bool needsCloserLook(std::uint64_t word) noexcept {
             zeroBytes(word ^ ('&' * kOnes))) != 0;
 }
 
+// The same for sixteen bytes at once, in a vector register on every target
+// GCC and Clang build for. As signed bytes, those of 0x80 and above are
+// negative and so below 0x20 like the control characters.
+using Bytes16 = signed char __attribute__((vector_size(16)));
+inline Bytes16 flaggedBytes(const char* block) noexcept {
+    Bytes16 bytes;
+    std::memcpy(&bytes, block, sizeof bytes);
+    constexpr Bytes16 kSpace = {0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20,
+                                0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20};
+    return (kSpace > bytes) | (bytes == '"') | (bytes == '<') | (bytes == '&');
+}
+inline bool anyFlagged(Bytes16 flagged) noexcept {
+    std::uint64_t halves[2];
+    std::memcpy(halves, &flagged, sizeof halves);
+    return (halves[0] | halves[1]) != 0;
+}
+
+// The length of the character at `i` when it may stand in the attribute as
+// it is (a reference counts as one character), else 0.
+std::size_t plainCharacterLength(std::string_view message, std::size_t i) noexcept {
+    const unsigned char c = static_cast<unsigned char>(message[i]);
+    if (c < 0x80) {
+        if (kPlain.plain[c]) return 1;
+        return c == '&' ? referenceLength(message.substr(i)) : 0;
+    }
+    char32_t cp;
+    const std::size_t length = ferrocore::utf8::sequenceLength(message, i, cp);
+    return length != 0 && ferrocore::utf8::isXMLCharacter(cp) ? length : 0;
+}
+
 }  // namespace
 
 bool isPlainAttributeText(std::string_view message) noexcept {
-    std::size_t i = 0;
+    const char* const data = message.data();
     const std::size_t size = message.size();
+    std::size_t i = 0;
     while (i < size) {
-        if (i + 8 <= size) {
+        // Skip what is certainly plain, a block or a word at a time; look at
+        // the rest character by character up to `end`.
+        std::size_t end = size;
+        if (i + 32 <= size) {
+            if (!anyFlagged(flaggedBytes(data + i) | flaggedBytes(data + i + 16))) {
+                i += 32;
+                continue;
+            }
+            end = i + 32;
+        } else if (i + 16 <= size) {
+            if (!anyFlagged(flaggedBytes(data + i))) {
+                i += 16;
+                continue;
+            }
+            end = i + 16;
+        } else if (size >= 16) {
+            // The last block, overlapping bytes already accepted.
+            if (!anyFlagged(flaggedBytes(data + size - 16))) return true;
+        } else if (i + 8 <= size) {
             std::uint64_t word;
-            std::memcpy(&word, message.data() + i, sizeof word);
+            std::memcpy(&word, data + i, sizeof word);
             if (!needsCloserLook(word)) {
                 i += 8;
                 continue;
             }
+            end = i + 8;
         }
-        const unsigned char c = static_cast<unsigned char>(message[i]);
-        if (c < 0x80) {
-            if (kPlain.plain[c]) {
-                ++i;
-                continue;
-            }
-            if (c != '&') return false;
-            const std::size_t length = referenceLength(message.substr(i));
+        while (i < end) {
+            const std::size_t length = plainCharacterLength(message, i);
             if (length == 0) return false;
-            i += length;
-        } else {
-            char32_t cp;
-            const std::size_t length = ferrocore::utf8::sequenceLength(message, i, cp);
-            if (length == 0 || !ferrocore::utf8::isXMLCharacter(cp)) return false;
             i += length;
         }
     }

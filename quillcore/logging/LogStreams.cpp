@@ -205,8 +205,10 @@ void CQuillLogger::OBufferStream::startRecord() {
 std::ostream& CQuillLogger::OBufferStream::formatter() { return *_formatter; }
 
 void CQuillLogger::OBufferStream::appendText(std::string_view text, bool endsRecord) {
-    if (_record.empty() && text.empty()) return;  // a record without text writes nothing
-    startRecord();
+    if (_record.empty()) {
+        if (text.empty()) return;  // a record without text writes nothing
+        startRecord();
+    }
     _record.append(text);
     if (endsRecord) writeRecord();
 }
@@ -221,7 +223,7 @@ void CQuillLogger::OBufferStream::writeRecord() {
     } reset{*this};
     const std::string_view message = std::string_view(_record).substr(_headLength);
     if (message.empty()) return;
-    if (logrecord::escapeMessage(message, _recordLevel, _escaped)) {
+    if (!logrecord::isPlainAttributeText(message) && logrecord::escapeMessage(message, _recordLevel, _escaped)) {
         _record.resize(_headLength);
         _record += _escaped;
     }

@@ -254,18 +254,19 @@ std::size_t plainCharacterLength(std::string_view message, std::size_t i) noexce
 bool isPlainAttributeText(std::string_view message) noexcept {
     const char* const data = message.data();
     const std::size_t size = message.size();
+    if (size >= 16) {
+        // Most messages are plain ASCII from end to end: one look at every
+        // block (the last one overlapping the others) tells.
+        Bytes16 flagged = flaggedBytes(data + size - 16);
+        for (std::size_t block = 0; block + 16 <= size; block += 16) flagged |= flaggedBytes(data + block);
+        if (!anyFlagged(flagged)) return true;
+    }
     std::size_t i = 0;
     while (i < size) {
         // Skip what is certainly plain, a block or a word at a time; look at
         // the rest character by character up to `end`.
         std::size_t end = size;
-        if (i + 32 <= size) {
-            if (!anyFlagged(flaggedBytes(data + i) | flaggedBytes(data + i + 16))) {
-                i += 32;
-                continue;
-            }
-            end = i + 32;
-        } else if (i + 16 <= size) {
+        if (i + 16 <= size) {
             if (!anyFlagged(flaggedBytes(data + i))) {
                 i += 16;
                 continue;

@@ -122,17 +122,20 @@ void appendRecordHead(std::string& out, unsigned level, double seconds) {
             if (millis >= 0 && millis < 1000 &&
                 ((cache.second == whole && cache.timeZone == timeZone && cache.processID == processID) ||
                  fillHead(cache, whole, timeZone, processID))) {
-                const char digits[3] = {static_cast<char>('0' + millis / 100),
-                                        static_cast<char>('0' + millis / 10 % 10),
-                                        static_cast<char>('0' + millis % 10)};
-                std::memcpy(cache.text + cache.secondsMillis, digits, 3);
-                std::memcpy(cache.text + cache.textMillis, digits, 3);
+                // The milliseconds go into the copy, not the cache, which is
+                // thus only ever read while its second lasts.
+                const std::size_t start = out.size();
                 if (level == 3) {
                     out.append(cache.text, cache.length);
                 } else {
                     out.append(cache.text, cache.levelOffset);
                     appendLevelAndMessageStart(out, level);
                 }
+                const char digits[3] = {static_cast<char>('0' + millis / 100),
+                                        static_cast<char>('0' + millis / 10 % 10),
+                                        static_cast<char>('0' + millis % 10)};
+                std::memcpy(out.data() + start + cache.secondsMillis, digits, 3);
+                std::memcpy(out.data() + start + cache.textMillis, digits, 3);
                 return;
             }
         }

@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <ferrocore/CXMLService.h>
 #include <ferrocore/Format.h>
@@ -222,22 +225,33 @@ inline bool needsCloserLook(std::uint64_t word) noexcept {
             zeroBytes(word ^ ('&' * kOnes))) != 0;
 }
 
-// The same for sixteen bytes at once, in a vector register on every target
-// GCC and Clang build for. As signed bytes, those of 0x80 and above are
-// negative and so below 0x20 like the control characters.
+// The same for sixteen bytes at once, in a vector register: a byte of -1
+// for each byte to look at. As signed bytes, those of 0x80 and above are
+// negative and so below 0x20 like the control characters; " and & are the
+// two bytes that give 0x26 with bit 2 set.
+#if defined(__SSE2__)
+using Bytes16 = __m128i;
+inline Bytes16 flaggedBytes(const char* block) noexcept {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(block));
+    const __m128i controls = _mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20));
+    const __m128i quoteOrAmpersand = _mm_cmpeq_epi8(_mm_or_si128(bytes, _mm_set1_epi8(0x04)), _mm_set1_epi8(0x26));
+    const __m128i less = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('<'));
+    return _mm_or_si128(_mm_or_si128(controls, quoteOrAmpersand), less);
+}
+inline bool anyFlagged(Bytes16 flagged) noexcept { return _mm_movemask_epi8(flagged) != 0; }
+#else
 using Bytes16 = signed char __attribute__((vector_size(16)));
 inline Bytes16 flaggedBytes(const char* block) noexcept {
     Bytes16 bytes;
     std::memcpy(&bytes, block, sizeof bytes);
-    constexpr Bytes16 kSpace = {0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20,
-                                0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20};
-    return (kSpace > bytes) | (bytes == '"') | (bytes == '<') | (bytes == '&');
+    return (bytes < 0x20) | ((bytes | 0x04) == 0x26) | (bytes == '<');
 }
 inline bool anyFlagged(Bytes16 flagged) noexcept {
     std::uint64_t halves[2];
     std::memcpy(halves, &flagged, sizeof halves);
     return (halves[0] | halves[1]) != 0;
 }
+#endif
 
 // The length of the character at `i` when it may stand in the attribute as
 // it is (a reference counts as one character), else 0.
@@ -261,7 +275,7 @@ bool isPlainAttributeText(std::string_view message) noexcept {
         // Most messages are plain ASCII from end to end: one look at every
         // block (the last one overlapping the others) tells.
         Bytes16 flagged = flaggedBytes(data + size - 16);
-        for (std::size_t block = 0; block + 16 <= size; block += 16) flagged |= flaggedBytes(data + block);
+        for (std::size_t block = 0; block + 16 <= size; block += 16) flagged = flagged | flaggedBytes(data + block);
         if (!anyFlagged(flagged)) return true;
     }
     std::size_t i = 0;

@@ -52,7 +52,7 @@ namespace {
 // up to the next second takes the general path.
 struct HeadCache {
     static constexpr std::size_t kCapacity = 120;
-    double second = std::nan("");
+    std::int64_t second = -1;
     const char* timeZone = nullptr;
     std::int32_t processID = 0;
     char text[kCapacity] = {};
@@ -63,26 +63,28 @@ struct HeadCache {
 };
 thread_local HeadCache tHead __attribute__((tls_model("initial-exec")));
 
-constexpr double kFastTimes = 16777216.0;  // 2^24; below it the general path
-constexpr double kLastFastTime = 4.0e15;   // whole seconds stay exact integers
+// Times of the fast path: from 2^24, for the exactness above, to 2^31 (the
+// year 2069), below which a time in milliseconds, under 2^41, is off by at
+// most 2^-13 ms once multiplied out.
+constexpr double kFastTimes = 16777216.0;
+constexpr double kLastFastTime = 2147483648.0;
 
-// The milliseconds "%.3lf" gives for `fraction` (0 <= fraction < 1), from 0 to
-// 1000, or -1 when it lies too close to a half millisecond to tell without
-// exact arithmetic.
-int roundedMillis(double fraction) noexcept {
-    const double scaled = fraction * 1000.0;
-    const double whole = static_cast<double>(static_cast<int>(scaled));
-    const double rest = scaled - whole;
-    if (std::fabs(rest - 0.5) <= 1.0e-6) return -1;
-    return static_cast<int>(whole) + (rest > 0.5 ? 1 : 0);
+// The time in whole milliseconds as "%.3lf" rounds it, or -1 when it lies too
+// close to a half millisecond to tell without exact arithmetic.
+std::int64_t roundedMillis(double seconds) noexcept {
+    const double scaled = seconds * 1000.0;
+    const auto whole = static_cast<std::int64_t>(scaled);
+    const double rest = scaled - static_cast<double>(whole);
+    if (std::fabs(rest - 0.5) <= 1.0e-3) return -1;
+    return whole + (rest > 0.5 ? 1 : 0);
 }
 
 // Builds the cache for `second` from a time stamp of it, which gives ".000"
 // for both fields; false when it does not (the general path is taken).
-bool fillHead(HeadCache& cache, double second, const char* timeZone, std::int32_t processID) {
+bool fillHead(HeadCache& cache, std::int64_t second, const char* timeZone, std::int32_t processID) {
     std::string head = "<log ";
     const std::size_t secondsStart = head.size() + 5;  // after `tms="`
-    appendTimeFields(head, second);
+    appendTimeFields(head, static_cast<double>(second));
     const std::size_t secondsEnd = head.find('"', secondsStart);
     const std::size_t textEnd = head.size() - 1;
     if (head.compare(secondsEnd - 4, 4, ".000") != 0 || head.compare(textEnd - 4, 4, ".000") != 0) return false;
@@ -117,12 +119,14 @@ void appendRecordHead(std::string& out, unsigned level, double seconds) {
     if (&host == &platform::defaultHost()) {
         if (seconds < 0.0) seconds = host.currentTime();
         if (seconds >= kFastTimes && seconds < kLastFastTime) {
-            const double whole = static_cast<double>(static_cast<std::int64_t>(seconds));
-            const int millis = roundedMillis(seconds - whole);
+            const auto whole = static_cast<std::int64_t>(seconds);
+            const std::int64_t rounded = roundedMillis(seconds);
+            // 1000 when the fraction rounds up into the next second.
+            const std::int64_t millis = rounded - whole * 1000;
             const char* timeZone = std::getenv("TZ");
             const std::int32_t processID = host.processID();
             HeadCache& cache = tHead;
-            if (millis >= 0 && millis < 1000 &&
+            if (rounded >= 0 && millis < 1000 &&
                 ((cache.second == whole && cache.timeZone == timeZone && cache.processID == processID) ||
                  fillHead(cache, whole, timeZone, processID))) {
                 // The milliseconds go into the copy, not the cache, which is

@@ -289,7 +289,8 @@ TEST(LogRecord, RecordHeadsAreTheTimeStampsTextsWithinAndAcrossSeconds) {
                                second + std::uniform_real_distribution<double>(0, 1)(random)})
             check(seconds);
     }
-    for (double seconds : {0.0, 1.5, 16777215.9996, 16777216.0004, 4.1e15}) check(seconds);
+    for (double seconds : {0.0, 1.5, 16777215.9996, 16777216.0004, 2147483647.9996, 2147483648.25, 4.1e15})
+        check(seconds);
     // A change of time zone shows within the second.
     const double now = std::floor(quill::CTimeStamp(-1.0).seconds()) + 0.25;
     check(now);

@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <ferrocore/CXMLService.h>
 #include <ferrocore/Format.h>
@@ -24,25 +27,131 @@ void appendUnsigned(std::string& out, unsigned long long value) {
 
 }  // namespace
 
-void appendTimeFields(std::string& out) {
-    const CTimeStamp now(-1.0);
+void appendTimeFields(std::string& out, double seconds) {
+    const CTimeStamp stamp(seconds);
     out += "tms=\"";
-    appendFixed3(out, now.seconds());
+    appendFixed3(out, stamp.seconds());
     out += "\" tmt=\"";
-    out += now.text();
+    out += stamp.text();
     out += '"';
 }
 
-void appendRecordHead(std::string& out, unsigned level) {
-    out += "<log ";
-    appendTimeFields(out);
-    out += " pid=\"";
-    appendUnsigned(out, static_cast<std::uint32_t>(platform::host().processID()));
+namespace {
+
+// The head of this thread's records in the current whole second:
+// `<log tms="S.mmm" tmt="T.mmm" pid="P" msg="` (other levels than 3 put their
+// `lvl` before `msg`). Within one second only the two millisecond fields
+// change. Only for the real host: substitute hosts are asked every time, as
+// by CTimeStamp.
+//
+// For the real clock both texts are a whole second's text with the
+// milliseconds of the fraction put in: the time is whole + fraction exactly,
+// and the time text's seconds, seconds-of-minute + fraction, are exact too
+// when the time is at least 2^24 (its fraction has no bits below 2^-28), so
+// both round their fraction to the same milliseconds. A fraction that rounds
+// up to the next second takes the general path.
+struct HeadCache {
+    static constexpr std::size_t kCapacity = 120;
+    std::int64_t second = -1;
+    const char* timeZone = nullptr;
+    std::int32_t processID = 0;
+    char text[kCapacity] = {};
+    std::size_t length = 0;       // up to and including `msg="`
+    std::size_t levelOffset = 0;  // where ` lvl="N"` goes for levels other than 3
+    std::size_t secondsMillis = 0;
+    std::size_t textMillis = 0;
+};
+thread_local HeadCache tHead __attribute__((tls_model("initial-exec")));
+
+// Times of the fast path: from 2^24, for the exactness above, to 2^31 (the
+// year 2069), below which a time in milliseconds, under 2^41, is off by at
+// most 2^-13 ms once multiplied out.
+constexpr double kFastTimes = 16777216.0;
+constexpr double kLastFastTime = 2147483648.0;
+
+// The time in whole milliseconds as "%.3lf" rounds it, or -1 when it lies too
+// close to a half millisecond to tell without exact arithmetic.
+std::int64_t roundedMillis(double seconds) noexcept {
+    const double scaled = seconds * 1000.0;
+    const auto whole = static_cast<std::int64_t>(scaled);
+    const double rest = scaled - static_cast<double>(whole);
+    if (std::fabs(rest - 0.5) <= 1.0e-3) return -1;
+    return whole + (rest > 0.5 ? 1 : 0);
+}
+
+// Builds the cache for `second` from a time stamp of it, which gives ".000"
+// for both fields; false when it does not (the general path is taken).
+bool fillHead(HeadCache& cache, std::int64_t second, const char* timeZone, std::int32_t processID) {
+    std::string head = "<log ";
+    const std::size_t secondsStart = head.size() + 5;  // after `tms="`
+    appendTimeFields(head, static_cast<double>(second));
+    const std::size_t secondsEnd = head.find('"', secondsStart);
+    const std::size_t textEnd = head.size() - 1;
+    if (head.compare(secondsEnd - 4, 4, ".000") != 0 || head.compare(textEnd - 4, 4, ".000") != 0) return false;
+    head += " pid=\"";
+    appendUnsigned(head, static_cast<std::uint32_t>(processID));
+    const std::size_t levelOffset = head.size();
+    head += "\" msg=\"";
+    if (head.size() > HeadCache::kCapacity) return false;
+    std::memcpy(cache.text, head.data(), head.size());
+    cache.length = head.size();
+    cache.levelOffset = levelOffset;
+    cache.secondsMillis = secondsEnd - 3;
+    cache.textMillis = textEnd - 3;
+    cache.second = second;
+    cache.timeZone = timeZone;
+    cache.processID = processID;
+    return true;
+}
+
+void appendLevelAndMessageStart(std::string& out, unsigned level) {
     if (level != 3) {
         out += "\" lvl=\"";
         appendUnsigned(out, level);
     }
     out += "\" msg=\"";
+}
+
+}  // namespace
+
+void appendRecordHead(std::string& out, unsigned level, double seconds) {
+    platform::IHost& host = platform::host();
+    if (&host == &platform::defaultHost()) {
+        if (seconds < 0.0) seconds = host.currentTime();
+        if (seconds >= kFastTimes && seconds < kLastFastTime) {
+            const auto whole = static_cast<std::int64_t>(seconds);
+            const std::int64_t rounded = roundedMillis(seconds);
+            // 1000 when the fraction rounds up into the next second.
+            const std::int64_t millis = rounded - whole * 1000;
+            const char* timeZone = std::getenv("TZ");
+            const std::int32_t processID = host.processID();
+            HeadCache& cache = tHead;
+            if (rounded >= 0 && millis < 1000 &&
+                ((cache.second == whole && cache.timeZone == timeZone && cache.processID == processID) ||
+                 fillHead(cache, whole, timeZone, processID))) {
+                // The milliseconds go into the copy, not the cache, which is
+                // thus only ever read while its second lasts.
+                const std::size_t start = out.size();
+                if (level == 3) {
+                    out.append(cache.text, cache.length);
+                } else {
+                    out.append(cache.text, cache.levelOffset);
+                    appendLevelAndMessageStart(out, level);
+                }
+                const char digits[3] = {static_cast<char>('0' + millis / 100),
+                                        static_cast<char>('0' + millis / 10 % 10),
+                                        static_cast<char>('0' + millis % 10)};
+                std::memcpy(out.data() + start + cache.secondsMillis, digits, 3);
+                std::memcpy(out.data() + start + cache.textMillis, digits, 3);
+                return;
+            }
+        }
+    }
+    out += "<log ";
+    appendTimeFields(out, seconds);
+    out += " pid=\"";
+    appendUnsigned(out, static_cast<std::uint32_t>(host.processID()));
+    appendLevelAndMessageStart(out, level);
 }
 
 std::string fileHeader() {
@@ -107,10 +216,6 @@ struct PlainTable {
 };
 constexpr PlainTable kPlain;
 
-}  // namespace
-
-namespace {
-
 // Whether any of the eight bytes of `word` needs a closer look: not ASCII, a
 // control character, or one of " < &.
 constexpr std::uint64_t kOnes = 0x0101010101010101ull;
@@ -124,34 +229,85 @@ inline bool needsCloserLook(std::uint64_t word) noexcept {
             zeroBytes(word ^ ('&' * kOnes))) != 0;
 }
 
+// The same for sixteen bytes at once, in a vector register: a byte of -1
+// for each byte to look at. As signed bytes, those of 0x80 and above are
+// negative and so below 0x20 like the control characters; " and & are the
+// two bytes that give 0x26 with bit 2 set.
+#if defined(__SSE2__)
+using Bytes16 = __m128i;
+inline Bytes16 flaggedBytes(const char* block) noexcept {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(block));
+    const __m128i controls = _mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20));
+    const __m128i quoteOrAmpersand = _mm_cmpeq_epi8(_mm_or_si128(bytes, _mm_set1_epi8(0x04)), _mm_set1_epi8(0x26));
+    const __m128i less = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('<'));
+    return _mm_or_si128(_mm_or_si128(controls, quoteOrAmpersand), less);
+}
+inline bool anyFlagged(Bytes16 flagged) noexcept { return _mm_movemask_epi8(flagged) != 0; }
+#else
+using Bytes16 = signed char __attribute__((vector_size(16)));
+inline Bytes16 flaggedBytes(const char* block) noexcept {
+    Bytes16 bytes;
+    std::memcpy(&bytes, block, sizeof bytes);
+    return (bytes < 0x20) | ((bytes | 0x04) == 0x26) | (bytes == '<');
+}
+inline bool anyFlagged(Bytes16 flagged) noexcept {
+    std::uint64_t halves[2];
+    std::memcpy(halves, &flagged, sizeof halves);
+    return (halves[0] | halves[1]) != 0;
+}
+#endif
+
+// The length of the character at `i` when it may stand in the attribute as
+// it is (a reference counts as one character), else 0.
+std::size_t plainCharacterLength(std::string_view message, std::size_t i) noexcept {
+    const unsigned char c = static_cast<unsigned char>(message[i]);
+    if (c < 0x80) {
+        if (kPlain.plain[c]) return 1;
+        return c == '&' ? referenceLength(message.substr(i)) : 0;
+    }
+    char32_t cp;
+    const std::size_t length = ferrocore::utf8::sequenceLength(message, i, cp);
+    return length != 0 && ferrocore::utf8::isXMLCharacter(cp) ? length : 0;
+}
+
 }  // namespace
 
 bool isPlainAttributeText(std::string_view message) noexcept {
-    std::size_t i = 0;
+    const char* const data = message.data();
     const std::size_t size = message.size();
+    if (size >= 16) {
+        // Most messages are plain ASCII from end to end: one look at every
+        // block (the last one overlapping the others) tells.
+        Bytes16 flagged = flaggedBytes(data + size - 16);
+        for (std::size_t block = 0; block + 16 <= size; block += 16) flagged = flagged | flaggedBytes(data + block);
+        if (!anyFlagged(flagged)) return true;
+    }
+    std::size_t i = 0;
     while (i < size) {
-        if (i + 8 <= size) {
+        // Skip what is certainly plain, a block or a word at a time; look at
+        // the rest character by character up to `end`.
+        std::size_t end = size;
+        if (i + 16 <= size) {
+            if (!anyFlagged(flaggedBytes(data + i))) {
+                i += 16;
+                continue;
+            }
+            end = i + 16;
+        } else if (size >= 16) {
+            // The last block, overlapping bytes already accepted.
+            if (!anyFlagged(flaggedBytes(data + size - 16))) return true;
+        } else if (i + 8 <= size) {
             std::uint64_t word;
-            std::memcpy(&word, message.data() + i, sizeof word);
+            std::memcpy(&word, data + i, sizeof word);
             if (!needsCloserLook(word)) {
                 i += 8;
                 continue;
             }
+            end = i + 8;
         }
-        const unsigned char c = static_cast<unsigned char>(message[i]);
-        if (c < 0x80) {
-            if (kPlain.plain[c]) {
-                ++i;
-                continue;
-            }
-            if (c != '&') return false;
-            const std::size_t length = referenceLength(message.substr(i));
+        while (i < end) {
+            const std::size_t length = plainCharacterLength(message, i);
             if (length == 0) return false;
-            i += length;
-        } else {
-            char32_t cp;
-            const std::size_t length = ferrocore::utf8::sequenceLength(message, i, cp);
-            if (length == 0 || !ferrocore::utf8::isXMLCharacter(cp)) return false;
             i += length;
         }
     }

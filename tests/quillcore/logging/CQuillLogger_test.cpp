@@ -266,6 +266,41 @@ TEST(LogRecord, MillisecondsAreRoundedExactlyAsPrintfDoes) {
     }
 }
 
+TEST(LogRecord, RecordHeadsAreTheTimeStampsTextsWithinAndAcrossSeconds) {
+    std::mt19937_64 random(5);
+    auto check = [](double seconds) {
+        for (unsigned level : {3u, 5u}) {
+            std::string expected = "<log ";
+            quill::logrecord::appendTimeFields(expected, seconds);
+            expected += " pid=\"" + kPid + (level == 3 ? "" : "\" lvl=\"5") + "\" msg=\"";
+            std::string ours = "x";
+            quill::logrecord::appendRecordHead(ours, level, seconds);
+            ASSERT_EQ(ours, "x" + expected) << std::hexfloat << seconds;
+        }
+    };
+    // Several times within each second, in order and not, so that heads are
+    // made both from the last one and anew: rounding up into the next
+    // second, half milliseconds, and the smallest and largest fractions.
+    for (int i = 0; i < 20000; ++i) {
+        const double second = std::floor(std::uniform_real_distribution<double>(1.6e7, 2.0e9)(random));
+        const double half = second + (std::floor(std::uniform_real_distribution<double>(0, 1000)(random)) + 0.5) / 1000;
+        for (double seconds : {second, std::nextafter(second + 1, 0.0), second + 0.9995, std::nextafter(half, 0.0),
+                               half, std::nextafter(half, 2e9), second + 0.0625,
+                               second + std::uniform_real_distribution<double>(0, 1)(random)})
+            check(seconds);
+    }
+    for (double seconds : {0.0, 1.5, 16777215.9996, 16777216.0004, 2147483647.9996, 2147483648.25, 4.1e15})
+        check(seconds);
+    // A change of time zone shows within the second.
+    const double now = std::floor(quill::CTimeStamp(-1.0).seconds()) + 0.25;
+    check(now);
+    {
+        quilltest::ScopedEnv tokyo("TZ", "JST-9");
+        check(now);
+    }
+    check(now);
+}
+
 // Messages from a small alphabet that reaches every branch of the check:
 // quotes, markup, references of every kind, controls, and UTF-8 both good and
 // bad.

@@ -130,6 +130,8 @@ def target_of(root, including, spelled, angled):
             return ("project", unit, True) if isinstance(unit, Unit) else ("unknown", unit)
         if first in LIBRARIES:
             return ("library", LIBRARIES[first])
+        if re.fullmatch(r"[a-z0-9]*intrin\.h", spelled):  # the compiler's vector intrinsics
+            return ("std",)
         if "/" not in spelled and "." not in spelled:
             return ("std",)
         return ("system",)

@@ -41,6 +41,10 @@ private:
     ferrocore::CMutex& _mutex;
 };
 
+// Set when this thread's last record was written and synced without fault;
+// std::endl has then nothing left to flush.
+thread_local bool tRecordSynced __attribute__((tls_model("initial-exec"))) = false;
+
 }  // namespace
 
 // ------------------------------------------------------------------ OStream
@@ -167,8 +171,11 @@ CQuillLogger::OStream& CQuillLogger::OStream::operator<<(std::ostream& (*manipul
     if (kind() == kNullStream) return *this;
     if (manipulator == static_cast<Manipulator>(std::endl)) {
         CRecordLock lock(_mutex);
+        tRecordSynced = false;
         writeTextLocked("\n");
-        _target->flush();
+        // Flushing a record synced a moment ago would only sync it again;
+        // a tied stream is flushed all the same.
+        if (!tRecordSynced || _target->tie()) _target->flush();
     } else if (manipulator == static_cast<Manipulator>(std::flush)) {
         flush();
     } else {
@@ -268,6 +275,8 @@ void CQuillLogger::OBufferStream::writeRecord() {
     const std::streamsize size = static_cast<std::streamsize>(_record.size());
     if (!buffer || buffer->sputn(_record.data(), size) != size || buffer->pubsync() == -1)
         out.setstate(std::ios_base::badbit);
+    else
+        tRecordSynced = true;
 }
 
 // -------------------------------------------------------------- ONullStream

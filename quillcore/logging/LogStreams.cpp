@@ -5,6 +5,7 @@
 #include <ferrocore/CException.h>
 #include <ferrocore/Format.h>
 #include <quillcore/logging/CQuillLogger.h>
+#include <quillcore/platform/Host.h>
 #include <quillcore/util/CTimeStamp.h>
 
 namespace quill {
@@ -45,6 +46,26 @@ private:
 // std::endl has then nothing left to flush.
 thread_local bool tRecordSynced __attribute__((tls_model("initial-exec"))) = false;
 
+// The time of a text operator call that probably starts a record, read before
+// the stream's lock is taken so that the clock's latency overlaps the lock's
+// (negative: not read; the record's start reads the clock then). A text
+// probably starts a record unless this thread's last piece on the same stream
+// left one open; a wrong guess costs one clock reading, never a wrong time.
+thread_local double tTextTime __attribute__((tls_model("initial-exec"))) = -1.0;
+thread_local const void* tOpenRecordStream __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// Reads the time for a text operator of `stream` (see tTextTime) and forgets
+// it when the operator returns or throws.
+class CTextTime {
+public:
+    explicit CTextTime(const void* stream) {
+        if (tOpenRecordStream != stream) tTextTime = platform::host().currentTime();
+    }
+    ~CTextTime() { tTextTime = -1.0; }
+    CTextTime(const CTextTime&) = delete;
+    CTextTime& operator=(const CTextTime&) = delete;
+};
+
 }  // namespace
 
 // ------------------------------------------------------------------ OStream
@@ -79,8 +100,12 @@ void CQuillLogger::OStream::setTarget(StreamKind kind, std::ostream& target, fer
 
 CQuillLogger::OStream& CQuillLogger::OStream::operator<<(std::string_view text) {
     if (kind() == kNullStream || text.empty()) return *this;
-    CRecordLock lock(_mutex);
-    writeTextLocked(text);
+    {
+        const CTextTime time(this);
+        CRecordLock lock(_mutex);
+        writeTextLocked(text);
+    }
+    tOpenRecordStream = text.back() == '\n' ? nullptr : this;
     return *this;
 }
 
@@ -147,9 +172,12 @@ void CQuillLogger::OStream::writeMark(const ferrocore::CXMLService& element) {
 template <class T>
 CQuillLogger::OStream& CQuillLogger::OStream::appendValue(const T& value) {
     if (kind() == kNullStream) return *this;
-    CRecordLock lock(_mutex);
-    addLogHeaderIfNeeded();
-    formatter() << value;
+    {
+        CRecordLock lock(_mutex);
+        addLogHeaderIfNeeded();
+        formatter() << value;
+    }
+    tOpenRecordStream = this;
     return *this;
 }
 
@@ -176,6 +204,7 @@ CQuillLogger::OStream& CQuillLogger::OStream::operator<<(std::ostream& (*manipul
         // Flushing a record synced a moment ago would only sync it again;
         // a tied stream is flushed all the same.
         if (!tRecordSynced || _target->tie()) _target->flush();
+        tOpenRecordStream = nullptr;
     } else if (manipulator == static_cast<Manipulator>(std::flush)) {
         flush();
     } else {
@@ -237,7 +266,7 @@ void CQuillLogger::OBufferStream::addLogHeaderIfNeeded() {
 void CQuillLogger::OBufferStream::startRecord() {
     if (!_record.empty() || !_formatter->good()) return;
     _recordLevel = level();
-    logrecord::appendRecordHead(_record, _recordLevel);
+    logrecord::appendRecordHead(_record, _recordLevel, tTextTime);
     _headLength = _record.size();
 }
 

@@ -58,12 +58,15 @@ thread_local const void* tOpenRecordStream __attribute__((tls_model("initial-exe
 // it when the operator returns or throws.
 class CTextTime {
 public:
-    explicit CTextTime(const void* stream) {
-        if (tOpenRecordStream != stream) tTextTime = platform::host().currentTime();
+    explicit CTextTime(const void* stream) : _outer(tTextTime) {
+        tTextTime = tOpenRecordStream != stream ? platform::host().currentTime() : -1.0;
     }
-    ~CTextTime() { tTextTime = -1.0; }
+    ~CTextTime() { tTextTime = _outer; }
     CTextTime(const CTextTime&) = delete;
     CTextTime& operator=(const CTextTime&) = delete;
+
+private:
+    const double _outer;  // that of a text operator this one runs within
 };
 
 }  // namespace
@@ -302,10 +305,9 @@ void CQuillLogger::OBufferStream::writeRecord() {
     std::ostream& out = lockedTarget();
     std::streambuf* buffer = out.rdbuf();
     const std::streamsize size = static_cast<std::streamsize>(_record.size());
-    if (!buffer || buffer->sputn(_record.data(), size) != size || buffer->pubsync() == -1)
-        out.setstate(std::ios_base::badbit);
-    else
-        tRecordSynced = true;
+    const bool synced = buffer && buffer->sputn(_record.data(), size) == size && buffer->pubsync() != -1;
+    if (!synced) out.setstate(std::ios_base::badbit);
+    tRecordSynced = synced;
 }
 
 // -------------------------------------------------------------- ONullStream

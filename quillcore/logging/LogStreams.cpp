@@ -5,6 +5,7 @@
 #include <ferrocore/CException.h>
 #include <ferrocore/Format.h>
 #include <quillcore/logging/CQuillLogger.h>
+#include <quillcore/platform/Host.h>
 #include <quillcore/util/CTimeStamp.h>
 
 namespace quill {
@@ -41,6 +42,33 @@ private:
     ferrocore::CMutex& _mutex;
 };
 
+// Set when this thread's last record was written and synced without fault;
+// std::endl has then nothing left to flush.
+thread_local bool tRecordSynced __attribute__((tls_model("initial-exec"))) = false;
+
+// The time of a text operator call that probably starts a record, read before
+// the stream's lock is taken so that the clock's latency overlaps the lock's
+// (negative: not read; the record's start reads the clock then). A text
+// probably starts a record unless this thread's last piece on the same stream
+// left one open; a wrong guess costs one clock reading, never a wrong time.
+thread_local double tTextTime __attribute__((tls_model("initial-exec"))) = -1.0;
+thread_local const void* tOpenRecordStream __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// Reads the time for a text operator of `stream` (see tTextTime) and forgets
+// it when the operator returns or throws.
+class CTextTime {
+public:
+    explicit CTextTime(const void* stream) : _outer(tTextTime) {
+        tTextTime = tOpenRecordStream != stream ? platform::host().currentTime() : -1.0;
+    }
+    ~CTextTime() { tTextTime = _outer; }
+    CTextTime(const CTextTime&) = delete;
+    CTextTime& operator=(const CTextTime&) = delete;
+
+private:
+    const double _outer;  // that of a text operator this one runs within
+};
+
 }  // namespace
 
 // ------------------------------------------------------------------ OStream
@@ -75,8 +103,12 @@ void CQuillLogger::OStream::setTarget(StreamKind kind, std::ostream& target, fer
 
 CQuillLogger::OStream& CQuillLogger::OStream::operator<<(std::string_view text) {
     if (kind() == kNullStream || text.empty()) return *this;
-    CRecordLock lock(_mutex);
-    writeTextLocked(text);
+    {
+        const CTextTime time(this);
+        CRecordLock lock(_mutex);
+        writeTextLocked(text);
+    }
+    tOpenRecordStream = text.back() == '\n' ? nullptr : this;
     return *this;
 }
 
@@ -143,9 +175,12 @@ void CQuillLogger::OStream::writeMark(const ferrocore::CXMLService& element) {
 template <class T>
 CQuillLogger::OStream& CQuillLogger::OStream::appendValue(const T& value) {
     if (kind() == kNullStream) return *this;
-    CRecordLock lock(_mutex);
-    addLogHeaderIfNeeded();
-    formatter() << value;
+    {
+        CRecordLock lock(_mutex);
+        addLogHeaderIfNeeded();
+        formatter() << value;
+    }
+    tOpenRecordStream = this;
     return *this;
 }
 
@@ -167,8 +202,12 @@ CQuillLogger::OStream& CQuillLogger::OStream::operator<<(std::ostream& (*manipul
     if (kind() == kNullStream) return *this;
     if (manipulator == static_cast<Manipulator>(std::endl)) {
         CRecordLock lock(_mutex);
+        tRecordSynced = false;
         writeTextLocked("\n");
-        _target->flush();
+        // Flushing a record synced a moment ago would only sync it again;
+        // a tied stream is flushed all the same.
+        if (!tRecordSynced || _target->tie()) _target->flush();
+        tOpenRecordStream = nullptr;
     } else if (manipulator == static_cast<Manipulator>(std::flush)) {
         flush();
     } else {
@@ -230,7 +269,7 @@ void CQuillLogger::OBufferStream::addLogHeaderIfNeeded() {
 void CQuillLogger::OBufferStream::startRecord() {
     if (!_record.empty() || !_formatter->good()) return;
     _recordLevel = level();
-    logrecord::appendRecordHead(_record, _recordLevel);
+    logrecord::appendRecordHead(_record, _recordLevel, tTextTime);
     _headLength = _record.size();
 }
 
@@ -266,8 +305,9 @@ void CQuillLogger::OBufferStream::writeRecord() {
     std::ostream& out = lockedTarget();
     std::streambuf* buffer = out.rdbuf();
     const std::streamsize size = static_cast<std::streamsize>(_record.size());
-    if (!buffer || buffer->sputn(_record.data(), size) != size || buffer->pubsync() == -1)
-        out.setstate(std::ios_base::badbit);
+    const bool synced = buffer && buffer->sputn(_record.data(), size) == size && buffer->pubsync() != -1;
+    if (!synced) out.setstate(std::ios_base::badbit);
+    tRecordSynced = synced;
 }
 
 // -------------------------------------------------------------- ONullStream

@@ -174,10 +174,16 @@ TEST(CQuillLogger, TimeFieldsAreThoseOfTheTimeStampOfTheFirstPiece) {
         logger->log(3) << "first piece ";
         clock.setNow(817000999.0);
         logger->log(3) << "end" << std::endl;
+        // A record begun by a number takes the time of the number, not that
+        // of an earlier text.
+        logger->log(3) << "whole\n";
+        clock.setNow(817000555.25);
+        logger->log(3) << 7 << " numbers first" << std::endl;
     }
     const auto record = elementsOf(*logger).at(1);
     EXPECT_EQ(record->getAttributeValueAsString("tms")->utf8(), "817000123.457");
     EXPECT_EQ(record->getAttributeValueAsString("tmt")->utf8(), quill::CTimeStamp(817000123.4567).text());
+    EXPECT_EQ(elementsOf(*logger).at(3)->getAttributeValueAsString("tms")->utf8(), "817000555.250");
 
     // The real clock's text follows a change of time zone at once, even
     // within one second.

@@ -62,12 +62,13 @@ std::optional<ServiceArguments> parseServiceArguments(const std::vector<std::str
     // The options in the one order the builder writes them; `position` is the
     // first option still allowed.
     enum Option { kDetach, kLocalAds, kVerbose, kAdvertising, kIndex, kName, kID, kAccessKey, kCaptureKey, kPerUser };
-    struct Spec {
+    struct OptionShape {
         const char* text;
         bool takesValue;
     };
-    static constexpr Spec kOptions[] = {{"-d", false},   {"-l", false}, {"-v", false}, {"-adv", true}, {"-idx", true},
-                                        {"-name", true}, {"-id", true}, {"-ak", true}, {"-ck", true},  {"-pu", false}};
+    static constexpr OptionShape kOptions[] = {{"-d", false},  {"-l", false},   {"-v", false}, {"-adv", true},
+                                               {"-idx", true}, {"-name", true}, {"-id", true}, {"-ak", true},
+                                               {"-ck", true},  {"-pu", false}};
     constexpr int kCount = sizeof kOptions / sizeof kOptions[0];
 
     int position = 0;

@@ -30,22 +30,8 @@ fail() {
     echo "QUILL-NFS-E2E: FAIL $*"
     exit 1
 }
-# Runs a command with a bound on its time.
-bounded() {
-    local seconds=$1
-    shift
-    timeout --kill-after=5 "$seconds" "$@"
-}
-# Waits up to $1 seconds (in tenths) for the condition in the rest.
-wait_for() {
-    local tenths=$(($1 * 10))
-    shift
-    while ! "$@"; do
-        tenths=$((tenths - 1))
-        [[ $tenths -gt 0 ]] || return 1
-        sleep 0.1
-    done
-}
+# shellcheck source=scripts/e2e-waits.sh
+source "$(dirname "${BASH_SOURCE[0]}")/e2e-waits.sh"
 
 tools="$QUILL_BUILD_DIR/tools"
 adapter="$tools/quill-nfs-mount"

@@ -25,21 +25,8 @@ fail() {
     [[ -f ${serve_log:-} ]] && say "server output: $(tr '\n' ' ' <"$serve_log")"
     exit 1
 }
-# Waits up to $1 seconds (in tenths) for the condition in the rest.
-wait_for() {
-    local tenths=$(($1 * 10))
-    shift
-    while ! "$@"; do
-        tenths=$((tenths - 1))
-        [[ $tenths -gt 0 ]] || return 1
-        sleep 0.1
-    done
-}
-bounded() {
-    local seconds=$1
-    shift
-    timeout --kill-after=5 "$seconds" "$@"
-}
+# shellcheck source=scripts/e2e-waits.sh
+source "$(dirname "${BASH_SOURCE[0]}")/e2e-waits.sh"
 
 : "${QUILL_E2E_EXPORTS:?}" "${QUILL_MOUNT:?}" "${QUILL_UMOUNT:?}" "${DBUS_SYSTEM_BUS_ADDRESS:?}"
 command -v quillctl >/dev/null || fail "no quillctl on PATH"
